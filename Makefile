@@ -1,0 +1,50 @@
+# The two commands: `make run` starts an instance under ./var and sends it a first message; `make test` runs all tests.
+# The rest is a thin front of CMake's presets.
+
+PREFIX ?= /usr/local
+JOBS ?= $(shell nproc)
+
+.PHONY: run test build install asan bench check format clean
+
+run: build
+	scripts/run.sh $(if $(ONCE),--once)
+
+build:
+	scripts/packages.sh build
+	cmake --preset release -DBRENTHAVEN_BENCH=OFF
+	cmake --build build/release -j $(JOBS)
+
+test:
+	scripts/packages.sh test
+	cmake --preset debug
+	cmake --build build/debug -j $(JOBS)
+	ctest --test-dir build/debug --output-on-failure -j $$(( 2 * $(JOBS) ))
+
+asan:
+	scripts/packages.sh test
+	cmake --preset asan
+	cmake --build build/asan -j $(JOBS)
+	ctest --test-dir build/asan --output-on-failure -j $(JOBS)
+
+bench:
+	scripts/packages.sh test
+	cmake --preset release -DBRENTHAVEN_BENCH=ON
+	cmake --build build/release -j $(JOBS)
+	bench/run.sh build/release
+
+install: build
+	cmake --install build/release --prefix $(PREFIX)
+
+# clang-format and clang-tidy on every source of the tree.
+check:
+	scripts/packages.sh test check
+	cmake --preset debug
+	git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run --Werror
+	git ls-files 'brenthaven/*.cpp' 'modules/*.cpp' 'dispatcher/*.cpp' 'command/*.cpp' | \
+	  xargs -P $(JOBS) -n 4 clang-tidy -p build/debug --quiet
+
+format:
+	git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf build var
