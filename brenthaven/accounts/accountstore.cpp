@@ -1,0 +1,60 @@
+#include "brenthaven/accounts/accountstore.h"
+
+#include <array>
+
+#include "brenthaven/accounts/attributes.h"
+
+namespace {
+
+constexpr char kStem[] = "BTAccounts.";
+
+// The table as the object database takes it: a row's number is its place, and a null name ends it.
+constexpr auto kRows = [] {
+  std::array<_Attribute, kAttrCount + 1> rows{};
+  for (attributes::Row const &row : attributes::kTable) rows[row.number] = {row.name.data(), row.flags};
+  return rows;
+}();
+
+struct SStore {
+  SObjectDB objects{kStem, 0, kRows.data()};
+  int depth = 0;        // of nested write sections
+  SString pendingStem;  // undefined: none
+};
+
+SStore &Store() {
+  static SStore store;
+  return store;
+}
+
+}  // namespace
+
+namespace accountstore {
+
+SObjectDB &Objects() { return Store().objects; }
+
+void LockWrite() {
+  ++Store().depth;
+  Store().objects.LockWrite();
+}
+
+void UnlockWrite() {
+  SStore &store = Store();
+  store.objects.UnlockWrite();
+  if (--store.depth > 0 || !store.pendingStem.Defined()) return;
+  store.objects.Init(store.pendingStem, 0, kRows.data());
+  store.pendingStem.Undef();
+}
+
+void PointAt(SString const &stem) {
+  SStore &store = Store();
+  store.pendingStem = stem.Length() > 0 ? stem : SString(kStem);
+}
+
+Sdbfile &Settings() {
+  static auto *settings = new Sdbfile("MTA-Accounts", 0, kProductWord);
+  return *settings;
+}
+
+int OpenSettings(int flags) { return Settings().Open("/", flags); }
+
+}  // namespace accountstore

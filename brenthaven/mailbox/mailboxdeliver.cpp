@@ -1,0 +1,405 @@
+#include "brenthaven/mailbox/mailboxdeliver.h"
+
+#include <errno.h>
+
+#include <vector>
+
+#include "brenthaven/accounts/accountdb.h"
+#include "brenthaven/accounts/safeuid.h"
+#include "brenthaven/mailbox/diskspace.h"
+#include "brenthaven/mailbox/mailboxpath.h"
+#include "brenthaven/mailbox/maillog.h"
+#include "brenthaven/mailbox/newfile.h"
+#include "brenthaven/platform/files.h"
+#include "brenthaven/spool/keys.h"
+#include "brenthaven/store/sdbfile.h"
+#include "brenthaven/text/base.h"
+
+// A pass:
+//   1. write one substance file for each slot that an entry falls into;
+//   2. take entry after entry: quota, copy, size record;
+//   3. remove substance files that their own account did not keep;
+//   4. make what was stored durable, then record it in the control and settle what becomes of the rest.
+
+namespace {
+
+constexpr int kSlotCount = 2;
+constexpr unsigned long kFolderMode = 0770;
+constexpr int kRecipientIndent = 5;  // blanks in front of an address in an error text
+
+// Where errors come from, and what Mailbox-Deliver-Error-Sent: calls them.
+constexpr char kCreateMessageFile[] = "CreateMessageFile";
+constexpr char kSubstanceFile[] = "SubstanceFile";
+constexpr char kDeliverMessage[] = "DeliverMessage";
+
+SString DirectoryOf(SString const &file) { return SString(file.View().substr(0, file.View().rfind('/') + 1)); }
+
+void SetOrDelete(SControl &control, char const *key, SStringList const &list) {
+  if (list.Length() > 0)
+    control[key] = list;
+  else
+    control.Delete(key);
+}
+
+}  // namespace
+
+struct SMailboxDeliverModule::Entry {
+  explicit Entry(SString const &entry) : text(entry) {
+    SStringList const parts = entry.SplitExact(" ", 4);
+    agent = parts.Get(0);
+    account = parts.Get(1);
+  }
+  bool IsMailbox() const { return agent == kMailboxAgent; }
+
+  SString text;
+  SString agent;
+  SString account;
+  bool lookedUp = false;
+  bool found = false;  // the account has a record
+  int slot = 0;
+  SString folder;  // ends in "/in/"
+  bool hasFolder = false;
+  bool waits = false;   // stands among the temporary failures
+  bool isDone = false;  // stored, by this pass or an earlier one
+};
+
+struct SMailboxDeliverModule::Slot {
+  bool IsDefined() const { return files.Length() > 0; }
+
+  SStringList files;         // the substance file, then the copies made from it
+  SString account;           // whose mailbox holds the substance file
+  bool isUnclaimed = false;  // that account has not taken it yet
+  long long size = 0;        // bytes of each file
+};
+
+struct SMailboxDeliverModule::Pass {
+  explicit Pass(SControl &control) {
+    for (SString const &text : control.Get(kKeyDeliverTo))
+      if (static_cast<int>(entries.size()) < kBatch)
+        entries.emplace_back(text);
+      else
+        rest.Push(text);
+    bad = control.Get(kKeyBadDeliveries);
+    temporary = control.Get(kKeyTempFailures);
+    overQuota = control.Get(kKeyOverQuota);
+  }
+  ~Pass() {
+    int const kept = errno;
+    for (Slot const &slot : slots)
+      if (slot.isUnclaimed) (void)RemoveFile(slot.files.Get(0));  // one that stays is a message nobody asked for
+    errno = kept;
+  }
+  Pass(Pass const &) = delete;
+
+  void FailForNow(Entry &entry, SString const &text) {
+    if (errno != 0) error = errno;
+    errors.Push(text);
+    if (!entry.waits) temporary.Push(entry.text);
+    entry.waits = true;
+  }
+  void Settle(Entry &entry) {
+    if (entry.waits) temporary.Delete(entry.text);
+    entry.waits = false;
+    entry.isDone = true;
+  }
+  // All that is not settled, in the control's order.
+  SStringList Undelivered() const {
+    SStringList open;
+    for (Entry const &entry : entries)
+      if (!entry.isDone) open.Push(entry.text);
+    open.Push(rest);
+    return open;
+  }
+
+  std::vector<Entry> entries;
+  SStringList rest;  // for another pass
+  Slot slots[kSlotCount];
+  SStringList bad;
+  SStringList temporary;
+  SStringList overQuota;
+  SStringList errors;
+  int error = 0;  // errno of the last failure that had one
+};
+
+SMailboxDeliverModule::SMailboxDeliverModule() : SModule(kModuleMailboxDeliver) {}
+
+SMailboxDeliverModule::~SMailboxDeliverModule() = default;
+
+unsigned int SMailboxDeliverModule::LoadEnv() {
+  Sdbfile settings(GetModuleName(), 0, kProductWord);
+  if (!settings.Open("/Config", 0)) return 0;
+  _log = settings.Get("Log").Get(0) == "yes";
+  _quotaWarningThreshold = static_cast<int>(settings.Get("QuotaWarningThreshold").Get(0).AsLong());
+  _overQuotaNotices = settings.Get("OverQuotaNotices").Get(0) == "yes";
+  _defaultQuota = KilobytesToBytes(GetEnv("DefaultMailboxQuota"));
+  return 1;
+}
+
+unsigned int SMailboxDeliverModule::ProcessMail() {
+  _unlimited = false;
+  _delivered = SStringList();
+  SControl &control = GetControl();
+  Pass pass(control);
+  if (pass.entries.empty())
+    return ProcessError(control, "BadControlFile", kDeliverMessage, "No deliveries listed in control file");
+  (void)control.CloseHeaderBody();  // what it reports is found again where the message is read
+  if (pass.entries.size() > 1) GetBarrier().Arm(GetMailboxDir());
+  if (!_WriteSubstances(pass)) return _DeferUnwritten(pass);
+  if (!_DeliverEntries(pass)) return _DeferUndefined(pass);
+  return pass.rest.Length() > 0 ? _EndBatch(pass) : _EndPass(pass);
+}
+
+// False when a substance file could not be written: then no entry is delivered in this pass.
+bool SMailboxDeliverModule::_WriteSubstances(Pass &pass) {
+  for (Entry &entry : pass.entries) {
+    if (!entry.IsMailbox()) continue;
+    errno = 0;
+    _LookUp(entry);
+    Slot &slot = pass.slots[entry.slot];
+    if (!entry.found)
+      pass.FailForNow(entry, "Couldn't get account information: " + entry.account);
+    else if (!slot.IsDefined() && !_WriteSubstance(pass, entry, slot))
+      return false;
+    if (pass.slots[0].IsDefined() && pass.slots[1].IsDefined()) break;
+  }
+  return true;
+}
+
+bool SMailboxDeliverModule::_WriteSubstance(Pass &pass, Entry &entry, Slot &slot) {
+  if (!_MakeFolder(entry)) {
+    pass.FailForNow(entry, "Couldn't create directory: " + entry.folder);
+    return true;
+  }
+  SString const file = entry.folder + NewMessageID();
+  if (FileExists(file)) {
+    pass.FailForNow(entry, "Message file already exists: " + file);
+    return true;
+  }
+  errno = 0;
+  if (!CreateMessageFile(file, &pass.errors, entry.account, entry.slot)) {
+    pass.error = errno;
+    return false;
+  }
+  slot.files.Push(file);
+  slot.account = entry.account;
+  slot.isUnclaimed = true;
+  slot.size = _form.Length();
+  return true;
+}
+
+int SMailboxDeliverModule::CreateMessageFile(SString const &file, SStringList *errors, SString const &, int) {
+  if (!_form.Read(GetControl(), errors)) return 0;
+  double const copies = GetControl().Get(kKeyDeliverTo).Length();
+  if (GetRemainingUsableKB(DirectoryOf(file), static_cast<double>(_form.QueuedLength() + 2) * copies) == 0) {
+    WriteMailLog("Alert:Disk Full (" + file + ")");
+    errno = ENOSPC;
+    return 0;
+  }
+  SNewFile stored(file);
+  if (!stored.IsOpen()) {
+    errors->Push("Couldn't create temporary file: " + file);
+    return 0;
+  }
+  if (_form.WriteTo(stored.Fd()) && stored.Publish()) return 1;
+  int const error = errno;
+  LogError("Couldn't write message file " + file + ": " + GetErrorString(error));
+  errno = error;
+  return 0;
+}
+
+// False when an entry's slot has no file: the pass then ends at once.
+bool SMailboxDeliverModule::_DeliverEntries(Pass &pass) {
+  for (Entry &entry : pass.entries) {
+    errno = 0;
+    LogDelivery(GetControl().GetFilename(), entry.text);
+    if (!entry.IsMailbox()) {
+      pass.errors.Push("Incorrect delivery type: " + entry.agent);
+      pass.bad.Push(entry.text);
+      continue;
+    }
+    _LookUp(entry);
+    // A name that would leave the mailbox tree is told as a directory, though no account can have it.
+    if (!IsSafeUID(entry.account) || (entry.found && !_MakeFolder(entry))) {
+      pass.FailForNow(entry, "Couldn't create directory: " + entry.folder);
+      continue;
+    }
+    if (!entry.found) {
+      pass.FailForNow(entry, "Couldn't get account info: " + entry.account);
+      continue;
+    }
+    Slot &slot = pass.slots[entry.slot];
+    if (!slot.IsDefined()) {
+      pass.FailForNow(entry, "Substance file not defined");
+      return false;
+    }
+    _DeliverEntry(pass, entry, slot);
+  }
+  return true;
+}
+
+void SMailboxDeliverModule::_DeliverEntry(Pass &pass, Entry &entry, Slot &slot) {
+  bool const isOwner = slot.isUnclaimed && entry.account == slot.account;
+  SString const target = isOwner ? slot.files.Get(0) : entry.folder + NewMessageID();
+  if (!isOwner) {
+    long const size = FileSize(target);
+    if (size == slot.size) return pass.Settle(entry);  // an earlier attempt made it, and counted it
+    if (size >= 0) return pass.FailForNow(entry, "Message file already exists: " + target);
+  }
+  errno = 0;
+  SSizeFile sizeFile(entry.folder);
+  if (!sizeFile.Lock()) return pass.FailForNow(entry, "Can't lock size file for " + target);
+  _account = entry.account;
+  _uncounted = isOwner ? target : SString();
+  if (!_TakeWithinQuota(sizeFile, slot.size)) {
+    pass.errors.Push("No storage space available in mailbox for " + Recipients(entry.text).Get(0));
+    pass.overQuota.Push(entry.text);
+    return;
+  }
+  if (!isOwner && !_StoreCopy(slot, target)) return pass.FailForNow(entry, "Couldn't link message file: " + target);
+  if (isOwner) slot.isUnclaimed = false;
+  IncreaseMailboxByteCount(sizeFile, slot.size);
+  GetBarrier().AddFile(target);
+  GetBarrier().AddDirectory(entry.folder);
+  _delivered.Push(SString(kMailboxAgent) + " " + entry.account);
+  pass.Settle(entry);
+}
+
+// A message in memory is written again, which is less work than a copy of its file.
+bool SMailboxDeliverModule::_StoreCopy(Slot &slot, SString const &target) {
+  if (!_form.IsInMemory()) return CopyOrLink(slot.files, target);
+  SNewFile copy(target);
+  return copy.IsOpen() && _form.WriteTo(copy.Fd()) && copy.Publish();
+}
+
+unsigned int SMailboxDeliverModule::CopyOrLink(SStringList &files, SString const &target) {
+  SDescriptor const source(sys::Open(files.Get(0), O_RDONLY));
+  if (!source.IsOpen()) return 0;
+  SNewFile copy(target);
+  if (!copy.IsOpen() || sys::CopyContents(source.Get(), copy.Fd()) != 0 || !copy.PublishOver()) return 0;
+  files.Push(target);
+  return 1;
+}
+
+unsigned int SMailboxDeliverModule::_DeferUnwritten(Pass &pass) {
+  if (pass.errors.Length() > 0 && !_WasReported(kCreateMessageFile)) {
+    errno = pass.error;
+    ProcessNotifyError(GetControl(), "OpenFailed", kCreateMessageFile, pass.errors);
+    _NoteReported(kCreateMessageFile);
+  }
+  return _SaveAndDefer();
+}
+
+unsigned int SMailboxDeliverModule::_DeferUndefined(Pass &pass) {
+  errno = pass.error;
+  ProcessNotifyError(GetControl(), "NotDefined", kSubstanceFile, pass.errors);
+  _NoteReported(kSubstanceFile);
+  // What this pass has stored must not be stored again by the next one.
+  if (_delivered.Length() > 0 && !_Record(pass.Undelivered())) return 0;
+  return _SaveAndDefer();
+}
+
+// More entries than one pass takes: the queue gives the next batch.
+unsigned int SMailboxDeliverModule::_EndBatch(Pass &pass) {
+  if (!_Record(pass.rest)) return 0;
+  SControl &control = GetControl();
+  SetOrDelete(control, kKeyBadDeliveries, pass.bad);
+  SetOrDelete(control, kKeyTempFailures, pass.temporary);
+  SetOrDelete(control, kKeyOverQuota, pass.overQuota);
+  return HandOver(control);
+}
+
+unsigned int SMailboxDeliverModule::_EndPass(Pass &pass) {
+  SControl &control = GetControl();
+  SStringList open = pass.bad;
+  open.Push(pass.overQuota);
+  open.Push(pass.temporary);
+  if (_delivered.Length() > 0) {
+    if (!_Record(open)) return 0;
+    control.Delete(kKeyMailboxDeliverErrorSent);
+  }
+  for (char const *key : {kKeyBadDeliveries, kKeyTempFailures, kKeyOverQuota}) control.Delete(key);
+  if (open.Length() == 0) return _Finish();
+
+  SStringList text = pass.errors;
+  text.Push(SStringList{"", "The following recipients haven't received this message:", ""});
+  text.Push(Indent(Recipients(open), kRecipientIndent));
+  errno = pass.error;
+  if (pass.temporary.Length() == 0)
+    return ProcessError(control, pass.overQuota.Length() > 0 ? "OverQuota" : "BadDeliveries", kDeliverMessage, text);
+  if (!_WasReported(kDeliverMessage)) {
+    ProcessNotifyError(control, "DeliveryErrors", kDeliverMessage, text);
+    _NoteReported(kDeliverMessage);
+  }
+  return _SaveAndDefer();
+}
+
+// Moves what was delivered to the done list and leaves `open` to do, once the files are on disk. False when they could
+// not be flushed: then nothing counts as delivered.
+bool SMailboxDeliverModule::_Record(SStringList const &open) {
+  if (!CommitBarrier()) {
+    _delivered = SStringList();
+    return false;
+  }
+  SControl &control = GetControl();
+  if (_delivered.Length() > 0) control[kKeyDeliverToDone].Push(_delivered);
+  control[kKeyDeliverTo] = open;
+  return true;
+}
+
+// In line the control may have no file yet: then its first one has to be safe before the record that it came from goes.
+unsigned int SMailboxDeliverModule::_SaveAndDefer() {
+  SControl &control = GetControl();
+  bool const isNew = !FileExists(control.GetControlFilename());
+  if (!CommitBarrier() || !control.Write() || !control.Defer()) return 0;
+  if (!isNew) return 1;
+  SString const host = control.Get(kKeyHostTo).Get(0);
+  SControl deferred = control;
+  deferred.PutFilename(GetDeferredDir() + GetModuleName() + "/" + (host.Length() > 0 ? host + "/" : SString()) +
+                       control.GetFilename() + kControlSuffix);
+  Cover(deferred);
+  return 1;
+}
+
+unsigned int SMailboxDeliverModule::_Finish() {
+  if (!CommitBarrier()) return 0;
+  SControl &control = GetControl();
+  // In line there may be no control file to remove, and that counts as a failure.
+  if (!control.RemoveMessage() && FileExists(control.GetControlFilename()))
+    LogError("Couldn't remove control file " + control.GetControlFilename());
+  return 1;
+}
+
+void SMailboxDeliverModule::_LookUp(Entry &entry) {
+  if (entry.lookedUp) return;
+  entry.lookedUp = true;
+  entry.folder = _MailFolder(entry.account);
+  SAccount account;
+  entry.found = SAccountDB().GetAccountInfo(entry.account, &account) != 0;
+  if (entry.found) entry.slot = account.GetString(kAttrQjJudgeEnabled) == "yes" ? 1 : 0;
+}
+
+// The mail folder of a safe name, with its parents. False when it is not there in the end.
+bool SMailboxDeliverModule::_MakeFolder(Entry &entry) {
+  if (entry.hasFolder) return true;
+  if (!IsSafeUID(entry.account)) return false;
+  entry.hasFolder = IsDirectory(entry.folder) != 0;
+  if (entry.hasFolder || !MakeDir(entry.folder, kFolderMode)) return entry.hasFolder;
+  // Three levels may be new; each is an entry of the one above.
+  SString const mailbox = GetMailboxDir() + GetMailboxSubpath(entry.account);
+  GetBarrier().AddParentOf(GetMailboxDir() + "bucket");
+  GetBarrier().AddParentOf(mailbox);
+  GetBarrier().AddDirectory(mailbox);
+  return entry.hasFolder = true;
+}
+
+SString SMailboxDeliverModule::_MailFolder(SString const &account) const {
+  return GetMailboxDir() + GetMailboxSubpath(account) + "/in/";
+}
+
+bool SMailboxDeliverModule::_WasReported(char const *error) {
+  return GetControl().Get(kKeyMailboxDeliverErrorSent).Contains(error);
+}
+
+void SMailboxDeliverModule::_NoteReported(char const *error) {
+  if (!_WasReported(error)) GetControl()[kKeyMailboxDeliverErrorSent].Push(error);
+}

@@ -1,0 +1,82 @@
+// Requests: where would mail for an address go?
+#include "brenthaven/accounts/accountdb.h"
+#include "brenthaven/accounts/alias.h"
+#include "brenthaven/router/pass.h"
+#include "brenthaven/spool/keys.h"
+
+namespace {
+
+// "user%host" at a domain of ours becomes "user@host". False when there is no "%".
+bool TakePercent(S821Address &address) {
+  SString const local = address.LocalPart();
+  int const percent = local.RIndex('%');
+  if (percent < 0) return false;
+  address.Domain() = local.Segment(percent + 1, local.Length() - percent - 1);
+  address.LocalPart() = local.Segment(0, percent);
+  return true;
+}
+
+}  // namespace
+
+// How a request wants accounts found.
+struct SSMTPRouterModule::Question {
+  bool useDirectory;
+  SString primaryHost;
+  SString secondaryHost;
+  SString port;
+  SString base;
+};
+
+void SSMTPRouterModule::ProcessRequest(SRequest &request, int useDirectory, SString primaryHost, SString secondaryHost,
+                                       SString port, SString base) {
+  Question const question{useDirectory != 0, primaryHost, secondaryHost, port, base};
+  S821Address address(request.Get(kKeyAddress).Get(0));
+  SString understood = "";
+  if (address.Get().Length() >= kShortestAddress) {
+    address.Domain() = GetHostAddrPart(address, 0);
+    while (!_AnswerAddress(question, address, request) && TakePercent(address)) continue;
+    understood = address.Get();
+  }
+  request.Delete(kKeyAddress);
+  request[kKeyAddressDone].Push(understood);
+  (void)request.Answer();  // an asker who has gone needs no answer
+}
+
+// True when this was the last word on the address, false when its "%" form is worth a try. A domain literal becomes the
+// name that the name service has for it where no account has the address as it stands.
+bool SSMTPRouterModule::_AnswerAddress(Question const &question, S821Address &address, SRequest &request) {
+  bool const directory = IsLdapAuth(address.Domain());
+  SString uid = _RequestedUid(question, directory, address);
+  if (uid.Length() == 0 && address.Domain()[0] == '[') {
+    address.Domain() = GetHostAddrPart(address, 1);
+    uid = _RequestedUid(question, directory, address);
+  }
+  bool local = false;
+  if (uid.Length() == 0) {
+    SStringList const targets = SAliasDB().GetChannelAliases(address);
+    if (targets.Length() > 0) {
+      request[kKeyChannelTo].Push(targets);
+      return true;
+    }
+    local = IsLocalDelivery(address.Domain());
+    if (local && !question.useDirectory) uid = _CatchAllUid(address);
+  }
+  if (uid.Length() > 0) request[kKeyAccountTo].Push(uid);
+  return uid.Length() > 0 || !(question.useDirectory ? directory : local);
+}
+
+SString SSMTPRouterModule::_RequestedUid(Question const &question, bool directory, S821Address const &address) {
+  if (!question.useDirectory) return SAccountDB().GetAccountUID(address);
+  return directory ? _DirectoryUid(question, address) : SString();
+}
+
+// The UID that the directory has for an address; undefined when it has none. At present no directory is asked: to a
+// request with useDirectory every account is unknown.
+SString SSMTPRouterModule::_DirectoryUid(Question const &, S821Address const &) { return SString(); }
+
+// The account "*" of the address's domain, which takes what nobody else does.
+SString SSMTPRouterModule::_CatchAllUid(S821Address const &address) {
+  S821Address catchAll = address;
+  catchAll.LocalPart() = "*";
+  return SAccountDB().GetAccountUID(catchAll);
+}

@@ -1,0 +1,335 @@
+#include "brenthaven/store/sbtree.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "brenthaven/platform/barrier.h"
+#include "brenthaven/platform/sys.h"
+#include "brenthaven/store/db185.h"
+#include "brenthaven/store/page.h"
+#include "brenthaven/text/base.h"
+
+// The engine knows no locks and opens the file by itself. So each open takes three steps, all under our lock: our own
+// descriptor, the lock on it, and then the engine's open, after a check that the path still leads to the locked file. A
+// reader keeps the engine and its pages over many read sections; what it has is good as long as the file's stamp (size,
+// times, links) is the one of that moment, which LockRead compares once it holds the lock. Since file times move in the
+// steps of the system's clock, a writer makes sure that each section that changed something moves them forward.
+
+namespace {
+
+constexpr SBTreeInfo kInfo = {.flags = 0,  // no duplicate keys
+                              .cachesize = 2097152,
+                              .maxkeypage = 0,
+                              .minkeypage = 0,
+                              .psize = 16384,
+                              .compare = nullptr,
+                              .prefix = nullptr,
+                              .lorder = 0};
+constexpr int kEngineMode = 0666;  // never takes effect: the file is there when the engine opens it
+constexpr mode_t kFileMode = 0660;
+constexpr int kExplicit = 1;     // value of the mode that makes the stored flags count
+constexpr int kOpenTries = 100;  // each one lost to a file that was replaced between two steps
+constexpr std::uint32_t kMagic = 0x053162;
+
+std::int64_t Nanoseconds(struct timespec const &time) { return time.tv_sec * 1000000000LL + time.tv_nsec; }
+
+SBTreeItem ItemOf(SString const &text) {
+  return {const_cast<char *>(static_cast<char const *>(text)), static_cast<size_t>(text.Length())};
+}
+
+SString TextOf(SBTreeItem const &item) {
+  return SString(static_cast<char const *>(item.data), static_cast<int>(item.size));
+}
+
+bool IsSameFile(struct stat const &a, struct stat const &b) { return a.st_ino == b.st_ino && a.st_dev == b.st_dev; }
+
+// Opens a file for the lock. A file made here gets its mode whatever the umask is, and its name is made durable.
+int OpenDescriptor(char const *path, int flags) {
+  int const access = flags & O_ACCMODE;
+  if ((flags & O_CREAT) == 0) return sys::Open(path, access);
+  int const created = sys::Open(path, access | O_CREAT | O_EXCL, kFileMode);
+  if (created < 0) return errno == EEXIST && (flags & O_EXCL) == 0 ? sys::Open(path, access) : -1;
+  SSyncBarrier barrier;
+  barrier.AddParentOf(path);
+  if (sys::Fchmod(created, kFileMode) == 0 && barrier.Commit()) return created;
+  sys::Close(created);
+  return -1;
+}
+
+// A file that does not end with a whole page lost pages that others refer to: writing would give their numbers to new
+// pages. (The byte order of the other kind is left to the engine.)
+bool IsCutShort(int descriptor, off_t size) {
+  std::uint32_t head[3];  // magic, version, page size
+  if (sys::Pread(descriptor, head, sizeof head, 0) != static_cast<ssize_t>(sizeof head)) return size != 0;
+  return head[0] == kMagic && head[2] != 0 && size % head[2] != 0;
+}
+
+}  // namespace
+
+SBTree::SBTree() = default;
+
+SBTree::SBTree(SString file, int) : _file(std::move(file)) {}
+
+SBTree::SBTree(SString file, int mode, int openFlags) : _mode(mode), _openFlags(openFlags), _file(std::move(file)) {}
+
+SBTree::~SBTree() { Close(); }
+
+void SBTree::Init(SString const &file, int) {
+  _file = file;
+  _status = 0;
+}
+
+void SBTree::Init(SString const &file, int mode, int openFlags) {
+  Init(file, 0);
+  _mode = mode;
+  _openFlags = openFlags;
+}
+
+SString SBTree::Path() const {
+  return _file[0] == '/' || _mode != 0 ? _file : GetEnv("Brenthaven") + "/config/" + _file;
+}
+
+int SBTree::_OpenFlags() const {
+  if (_mode == kExplicit) return _openFlags;
+  return _depth > 0 ? O_RDWR | O_CREAT | kLockFlag : O_RDONLY;
+}
+
+unsigned SBTree::Open() {
+  _DropInherited();
+  if (_handle != nullptr) return 1;
+  SString const path = Path();
+  int const flags = _OpenFlags();
+  int error = EINVAL;  // for write-only, which the engine could not work with
+  if ((flags & O_ACCMODE) != O_WRONLY) {
+    error = EAGAIN;
+    for (int tries = 0; tries < kOpenTries && error == EAGAIN; ++tries) {
+      error = _OpenLocked(path, flags);
+      if (error != 0) _Drop();
+    }
+  }
+  if (error == 0) return 1;
+  if (error != ENOENT) _readFailed = 1;
+  errno = error;
+  return 0;
+}
+
+// One try to open. 0, or an error; EAGAIN when the file was replaced meanwhile.
+int SBTree::_OpenLocked(char const *path, int flags) {
+  struct stat ours, other;
+  _writable = (flags & O_ACCMODE) == O_RDWR;
+  _owner = getpid();
+  _descriptor = OpenDescriptor(path, flags);
+  if (_descriptor < 0) return errno;
+  // A reader waits here for a writer who has the file open, also one who has only just made it.
+  _holdsLock = (flags & kLockFlag) != 0;
+  if (sys::Lock(_descriptor, _writable && _holdsLock ? F_WRLCK : F_RDLCK, 0, 1, true) != 0) return errno;
+  if (sys::Fstat(_descriptor, &ours) != 0) return errno;
+  if (sys::Stat(path, &other) != 0) return errno == ENOENT && (flags & O_CREAT) != 0 ? EAGAIN : errno;
+  if (!IsSameFile(ours, other)) return EAGAIN;
+  if (_writable && (flags & O_TRUNC) != 0) {
+    if (sys::Ftruncate(_descriptor, 0) != 0) return errno;
+  } else if (_writable && IsCutShort(_descriptor, ours.st_size)) {
+    return EINVAL;
+  }
+
+  errno = 0;
+  _handle = dbopen(path, flags & O_ACCMODE, kEngineMode, kBTreeType, &kInfo);
+  if (_handle == nullptr) return errno != 0 ? errno : EINVAL;
+  if (sys::Fstat(_handle->fd(_handle), &other) != 0) return errno;
+  if (!IsSameFile(ours, other)) return EAGAIN;
+  if (!_TakeStamp(_stamp)) return errno;
+  (void)WatchPages(_handle);  // an engine laid out in another way works as well, without the watch
+  if (!_holdsLock && sys::Lock(_descriptor, F_UNLCK, 0, 1, true) != 0) return errno;
+  return 0;
+}
+
+bool SBTree::_TakeStamp(Stamp &stamp) const {
+  struct stat info;
+  if (sys::Fstat(_descriptor, &info) != 0) return false;
+  stamp = {info.st_nlink, info.st_size, Nanoseconds(info.st_mtim), Nanoseconds(info.st_ctim)};
+  return true;
+}
+
+void SBTree::Close() {
+  _DropInherited();
+  if (_handle == nullptr) return;
+  if (!_writable || !_changed) return _Release();
+  if (!Flush()) {
+    int const error = errno;
+    _Drop();  // the engine's own close would only try again
+    errno = error;
+    return;
+  }
+  _MoveTimes();
+  _Release();
+}
+
+unsigned SBTree::Flush() {
+  if (_handle == nullptr || !_writable || !_changed) return 1;
+  if (!_damaged && _handle->sync(_handle, 0) == 0) return 1;
+  _writeFailed = 1;
+  return 0;
+}
+
+// Readers know a changed file by its times, and the clock may not have moved since the last section.
+void SBTree::_MoveTimes() {
+  Stamp now;
+  if (_TakeStamp(now) && now.modified > _stamp.modified) return;
+  std::int64_t const next = _stamp.modified + 1;
+  struct timespec const times[] = {{0, UTIME_OMIT}, {next / 1000000000LL, next % 1000000000LL}};
+  if (futimens(_descriptor, times) != 0) _writeFailed = 1;
+}
+
+// Closes an engine that has nothing to write, then the descriptor and with it the lock.
+void SBTree::_Release() {
+  if (_handle->close(_handle) != 0) _readFailed = 1;
+  _handle = nullptr;
+  _Drop();
+}
+
+// Lets go of everything as it is. The engine has no way to close without writing, so its memory stays behind: this is
+// for damaged files, for failed writes, and for what belongs to the parent of this process.
+void SBTree::_Drop() {
+  if (_handle != nullptr) sys::Close(_handle->fd(_handle));
+  if (_descriptor >= 0) {
+    // Not left to the close: a child process that was forked meanwhile may hold the descriptor and the lock with it.
+    if (_owner == getpid()) (void)sys::Lock(_descriptor, F_UNLCK, 0, 1, true);
+    sys::Close(_descriptor);
+  }
+  _handle = nullptr;
+  _descriptor = -1;
+  _holdsLock = _writable = _damaged = _changed = false;
+}
+
+// After a fork the descriptors share offset and locks with the parent, and the engine's dirty pages are the parent's.
+void SBTree::_DropInherited() {
+  if (_owner == 0 || _owner == getpid()) return;
+  _Drop();
+  _owner = 0;
+  _depth = 0;
+}
+
+// Runs one call of the engine. Its result, except that a call that met a damaged page finds nothing for sure: that is
+// a failure.
+template <class Call>
+int SBTree::_Run(Call call) {
+  unsigned long const before = DamagedPages();
+  int const result = call(_handle);
+  if (DamagedPages() != before) _damaged = true;
+  if (result != 0 && _damaged) {
+    errno = EIO;
+    return -1;
+  }
+  return result;
+}
+
+SString SBTree::Get(SString const &key) {
+  if (!Open()) {
+    _status = errno == ENOENT ? 1 : -1;
+    return SString();
+  }
+  SBTreeItem const wanted = ItemOf(key);
+  SBTreeItem value;
+  _status = _Run([&](SBTreeEngine *engine) { return engine->get(engine, &wanted, &value, 0); });
+  if (_status < 0) _readFailed = 1;
+  return _status == 0 ? TextOf(value) : SString();
+}
+
+unsigned SBTree::Set(SString const &key, SString const &value) {
+  if (!Open()) return 0;
+  SBTreeItem wanted = ItemOf(key);
+  SBTreeItem const stored = ItemOf(value);
+  return _Change([&](SBTreeEngine *engine) { return engine->put(engine, &wanted, &stored, 0); });
+}
+
+unsigned SBTree::Delete(SString const &key) {
+  if (!Open()) return 0;
+  SBTreeItem const wanted = ItemOf(key);
+  return _Change([&](SBTreeEngine *engine) { return engine->del(engine, &wanted, 0); });
+}
+
+template <class Call>
+unsigned SBTree::_Change(Call call) {
+  if (!_writable) return 0;
+  int const result = _damaged ? -1 : _Run(call);
+  if (result <= 0) _changed = true;  // a failed call may have changed pages as well
+  if (result < 0) _writeFailed = 1;
+  return result == 0 && !_damaged;
+}
+
+// Moves the engine's cursor, of which a handle has one.
+SString SBTree::_Seq(SString &key, unsigned move) {
+  if (!Open()) {
+    _moveStatus = errno == ENOENT ? 1 : -1;
+    return SString();
+  }
+  SBTreeItem found = ItemOf(key);
+  SBTreeItem value;
+  _moveStatus = _Run([&](SBTreeEngine *engine) { return engine->seq(engine, &found, &value, move); });
+  if (_moveStatus < 0) _readFailed = 1;
+  if (_moveStatus != 0) return SString();
+  key = TextOf(found);
+  return TextOf(value);
+}
+
+// The engine refuses an empty key here, at or behind which every key is.
+SString SBTree::SeqFirst(SString &key) { return _Seq(key, key.Length() > 0 ? kMoveCursor : kMoveFirst); }
+SString SBTree::SeqNext(SString &key) { return _Seq(key, kMoveNext); }
+SString SBTree::SeqFirstJJ(SString &key) { return _Seq(key, kMoveFirst); }
+SString SBTree::SeqLastJJ(SString &key) { return _Seq(key, kMoveLast); }
+SString SBTree::SeqPrevJJ(SString &key) { return _Seq(key, kMovePrevious); }
+
+void *SBTree::GetFd() {
+  return reinterpret_cast<void *>(static_cast<std::intptr_t>(_handle != nullptr ? _handle->fd(_handle) : -1));
+}
+
+unsigned SBTree::SetPBSflags(int flags) {
+  if (_handle != nullptr) return 0;
+  _openFlags = flags;
+  return 1;
+}
+
+void SBTree::LockRead() {
+  _DropInherited();
+  while (_depth == 0 && Open() && !_holdsLock) {
+    if (sys::Lock(_descriptor, F_RDLCK, 0, 1, true) != 0) {
+      _readFailed = 1;
+      return;
+    }
+    if (_IsCurrent()) return;
+    Close();  // with the lock; the file may be another one now
+  }
+}
+
+void SBTree::UnlockRead() {
+  _DropInherited();
+  if (_depth > 0 || _handle == nullptr || _holdsLock) return;
+  if (sys::Lock(_descriptor, F_UNLCK, 0, 1, true) != 0) _readFailed = 1;
+}
+
+void SBTree::LockWrite() {
+  _DropInherited();
+  if (_depth == 0) Close();
+  ++_depth;
+  Open();
+}
+
+void SBTree::UnlockWrite() {
+  _DropInherited();
+  if (_depth > 0) --_depth;
+  if (_depth == 0) Close();
+}
+
+void SBTree::Refresh() {
+  _DropInherited();
+  if (_handle == nullptr || _writable || _IsCurrent()) return;
+  Close();
+  Open();
+}
+
+bool SBTree::_IsCurrent() const {
+  Stamp now;
+  return _TakeStamp(now) && now == _stamp;
+}

@@ -1,0 +1,52 @@
+#include "command/command.h"
+
+#include <limits.h>
+#include <sys/stat.h>
+#include <sysexits.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "brenthaven/platform/environment.h"
+#include "brenthaven/platform/files.h"
+#include "brenthaven/spool/instance.h"
+
+void Fail(Command &command, int code, std::string const &text) {
+  fprintf(stderr, "brenthaven: %s\n", text.c_str());
+  if (!command.failed) command.code = code;
+  command.failed = true;
+}
+
+bool EnterInstance(Command &command) {
+  while (command.root.size() > 1 && command.root.back() == '/') command.root.pop_back();
+  if (command.root.empty()) {
+    Fail(command, EX_USAGE, "no instance named: give --root DIR or set Brenthaven");
+    return false;
+  }
+  SString const root(command.root);
+  if (!IsDirectory(root + "/control") || !IsDirectory(root + "/config")) {
+    Fail(command, EX_NOINPUT, command.root + " holds no instance; make one with: brenthaven init");
+    return false;
+  }
+  (void)LoadInstanceEnvironment(root);  // an instance without the file has its defaults
+  (void)LoadDispatcherAddress(root);    // without a dispatcher all but the notification works
+  return true;
+}
+
+std::string ModuleDirectory() {
+  char path[PATH_MAX];
+  ssize_t const length = readlink("/proc/self/exe", path, sizeof path);
+  if (length <= 0) return "/usr/libexec/brenthaven";
+  std::string directory(path, static_cast<size_t>(length));
+  directory.erase(directory.rfind('/'));
+  return directory + "/../libexec/brenthaven";
+}
+
+SStringList ToList(std::vector<std::string> const &words) {
+  SStringList list;
+  list.Define();
+  for (std::string const &word : words) list.Push(SString(std::string_view(word)));
+  return list;
+}
+
+std::string ToStd(SString const &text) { return std::string(text.View()); }

@@ -1,0 +1,44 @@
+// command/command.h - what the subcommands of `brenthaven` share.
+#pragma once
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <string>
+#include <string_view>
+
+#include "brenthaven/text/sstring.h"
+#include "brenthaven/text/sstringlist.h"
+
+// One run of the command: its global options and how it ends.
+struct Command {
+  std::string root;     // --root, else the environment's Brenthaven
+  int code = 0;         // exit code, of sysexits.h
+  bool failed = false;  // a line was printed on standard error; the first one decides the code
+};
+
+// Prints "brenthaven: TEXT" on standard error and sets the exit code, unless an earlier failure has set it.
+void Fail(Command &command, int code, std::string const &text);
+
+// Takes over the instance under the root: its environment and the running dispatcher's address. False, after a Fail,
+// when there is no root or no instance in it.
+bool EnterInstance(Command &command);
+
+// Where the executables of the modules lie, seen from this program.
+std::string ModuleDirectory();
+
+// Each adds its subcommand to the application. The command outlives it.
+void AddInit(CLI::App &app, Command &command);
+void AddConfig(CLI::App &app, Command &command);
+void AddAccount(CLI::App &app, Command &command);
+void AddAlias(CLI::App &app, Command &command);
+void AddSubmit(CLI::App &app, Command &command);
+void AddQueue(CLI::App &app, Command &command);
+void AddMailbox(CLI::App &app, Command &command);
+void AddDoctor(CLI::App &app, Command &command);
+
+// The program under its other names, "sendmail", "mailq" and "newaliases": an exit code of sysexits.h.
+int SendmailMain(int argc, char **argv);
+
+// A list of SString from what the command line gave.
+SStringList ToList(std::vector<std::string> const &words);
+std::string ToStd(SString const &text);

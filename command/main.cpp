@@ -1,0 +1,44 @@
+// brenthaven: the administrator's command. Under the names "sendmail", "mailq" and "newaliases" it is the program that
+// others expect there.
+#include <sysexits.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "command/command.h"
+
+namespace {
+
+bool IsSendmailName(char const *program) {
+  char const *const slash = strrchr(program, '/');
+  std::string_view const name = slash != nullptr ? slash + 1 : program;
+  return name == "sendmail" || name == "mailq" || name == "newaliases";
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  if (argc > 0 && IsSendmailName(argv[0])) return SendmailMain(argc, argv);
+
+  Command command;
+  CLI::App app("Administers one mail-server instance.", "brenthaven");
+  app.require_subcommand(1);
+  app.option_defaults()->always_capture_default(false);
+  if (char const *const root = getenv("Brenthaven")) command.root = root;
+  app.add_option("--root", command.root, "directory of the instance (default: the environment's Brenthaven)");
+  AddInit(app, command);
+  AddConfig(app, command);
+  AddAccount(app, command);
+  AddAlias(app, command);
+  AddSubmit(app, command);
+  AddQueue(app, command);
+  AddMailbox(app, command);
+  AddDoctor(app, command);
+  try {
+    app.parse(argc, argv);
+  } catch (CLI::ParseError const &error) {
+    int const result = app.exit(error);
+    return result == 0 ? 0 : EX_USAGE;  // 0: help was asked for
+  }
+  return command.code;
+}
