@@ -34,7 +34,11 @@ void AddAlias(CLI::App &app, Command &command);
 void AddSubmit(CLI::App &app, Command &command);
 void AddQueue(CLI::App &app, Command &command);
 void AddMailbox(CLI::App &app, Command &command);
+void AddTrace(CLI::App &app, Command &command);
 void AddDoctor(CLI::App &app, Command &command);
+
+// Prints the router's decision for each address, step by step: an exit code, EX_NOUSER when one would be refused.
+int ExplainAddresses(Command &command, std::vector<std::string> const &addresses, std::string const &sender);
 
 // The program under its other names, "sendmail", "mailq" and "newaliases": an exit code of sysexits.h.
 int SendmailMain(int argc, char **argv);

@@ -33,6 +33,7 @@ int main(int argc, char **argv) {
   AddSubmit(app, command);
   AddQueue(app, command);
   AddMailbox(app, command);
+  AddTrace(app, command);
   AddDoctor(app, command);
   try {
     app.parse(argc, argv);

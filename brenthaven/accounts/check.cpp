@@ -69,12 +69,8 @@ SAccountCheck CheckAccountFiles(std::function<void(SString const &fault)> const 
   Check check{.report = report};
   check.attributes.LockRead();  // holds writers off both files: they take this one first
   SString key;
-  for (SString value = check.attributes.SeqFirstJJ(key); value.Defined();) {
-    SString const present = key;
-    check.AttributeRecord(present, value);
-    value = check.attributes.SeqFirst(key = present);  // the look-ups above have moved the cursor
-    value = check.attributes.SeqNext(key);
-  }
+  for (SString value = check.attributes.SeqFirstJJ(key); value.Defined(); value = check.attributes.SeqNext(key))
+    check.AttributeRecord(key, value);
   for (SString value = check.index.SeqFirstJJ(key); value.Defined(); value = check.index.SeqNext(key))
     check.IndexRecord(key);
   check.attributes.UnlockRead();

@@ -23,7 +23,7 @@ double MinimumFree() {
 SString ExistingDirectory(SString const &path) {
   SStringList parts = path.SplitExact("/");
   while (parts.Length() >= 2) {
-    SString const directory = parts.Join("/");
+    SString directory = parts.Join("/");
     if (IsDirectory(directory)) return directory;
     (void)parts.Pop();
   }

@@ -2,6 +2,8 @@
 
 #include <errno.h>
 
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "brenthaven/accounts/accountdb.h"
@@ -18,8 +20,7 @@
 // A pass:
 //   1. write one substance file for each slot that an entry falls into;
 //   2. take entry after entry: quota, copy, size record;
-//   3. remove substance files that their own account did not keep;
-//   4. make what was stored durable, then record it in the control and settle what becomes of the rest.
+//   3. make what was stored durable, then record it in the control and settle what becomes of the rest.
 
 namespace {
 
@@ -63,12 +64,16 @@ struct SMailboxDeliverModule::Entry {
   bool isDone = false;  // stored, by this pass or an earlier one
 };
 
+// The substance file has no name until its account takes it, under the lock of the size record: so a file that can be
+// seen is a file that is counted, and one that nobody takes is gone with the pass.
 struct SMailboxDeliverModule::Slot {
-  bool IsDefined() const { return files.Length() > 0; }
+  bool IsDefined() const { return substance != nullptr; }
 
-  SStringList files;         // the substance file, then the copies made from it
-  SString account;           // whose mailbox holds the substance file
+  std::unique_ptr<SNewFile> substance;
+  SString file;              // its name to be
+  SString account;           // whose mailbox it is for
   bool isUnclaimed = false;  // that account has not taken it yet
+  SStringList files;         // what was stored from it, the first one the source of copies
   long long size = 0;        // bytes of each file
 };
 
@@ -82,12 +87,6 @@ struct SMailboxDeliverModule::Pass {
     bad = control.Get(kKeyBadDeliveries);
     temporary = control.Get(kKeyTempFailures);
     overQuota = control.Get(kKeyOverQuota);
-  }
-  ~Pass() {
-    int const kept = errno;
-    for (Slot const &slot : slots)
-      if (slot.isUnclaimed) (void)RemoveFile(slot.files.Get(0));  // one that stays is a message nobody asked for
-    errno = kept;
   }
   Pass(Pass const &) = delete;
 
@@ -176,11 +175,13 @@ bool SMailboxDeliverModule::_WriteSubstance(Pass &pass, Entry &entry, Slot &slot
     return true;
   }
   errno = 0;
-  if (!CreateMessageFile(file, &pass.errors, entry.account, entry.slot)) {
+  auto substance = std::make_unique<SNewFile>(file);
+  if (!_WriteForm(*substance, file, &pass.errors)) {
     pass.error = errno;
     return false;
   }
-  slot.files.Push(file);
+  slot.substance = std::move(substance);
+  slot.file = file;
   slot.account = entry.account;
   slot.isUnclaimed = true;
   slot.size = _form.Length();
@@ -188,23 +189,31 @@ bool SMailboxDeliverModule::_WriteSubstance(Pass &pass, Entry &entry, Slot &slot
 }
 
 int SMailboxDeliverModule::CreateMessageFile(SString const &file, SStringList *errors, SString const &, int) {
-  if (!_form.Read(GetControl(), errors)) return 0;
+  SNewFile stored(file);
+  return _WriteForm(stored, file, errors) && stored.Publish() ? 1 : 0;
+}
+
+// Writes the stored form of the message into a file without a name. False with the reason pushed on errors; with none
+// when the disk is full or refuses the bytes, which is logged.
+bool SMailboxDeliverModule::_WriteForm(SNewFile &stored, SString const &file, SStringList *errors) {
+  int const openError = stored.IsOpen() ? 0 : errno;
+  if (!_form.Read(GetControl(), errors)) return false;
   double const copies = GetControl().Get(kKeyDeliverTo).Length();
   if (GetRemainingUsableKB(DirectoryOf(file), static_cast<double>(_form.QueuedLength() + 2) * copies) == 0) {
     WriteMailLog("Alert:Disk Full (" + file + ")");
     errno = ENOSPC;
-    return 0;
+    return false;
   }
-  SNewFile stored(file);
   if (!stored.IsOpen()) {
     errors->Push("Couldn't create temporary file: " + file);
-    return 0;
+    errno = openError;
+    return false;
   }
-  if (_form.WriteTo(stored.Fd()) && stored.Publish()) return 1;
+  if (_form.WriteTo(stored.Fd())) return true;
   int const error = errno;
   LogError("Couldn't write message file " + file + ": " + GetErrorString(error));
   errno = error;
-  return 0;
+  return false;
 }
 
 // False when an entry's slot has no file: the pass then ends at once.
@@ -239,7 +248,7 @@ bool SMailboxDeliverModule::_DeliverEntries(Pass &pass) {
 
 void SMailboxDeliverModule::_DeliverEntry(Pass &pass, Entry &entry, Slot &slot) {
   bool const isOwner = slot.isUnclaimed && entry.account == slot.account;
-  SString const target = isOwner ? slot.files.Get(0) : entry.folder + NewMessageID();
+  SString const target = isOwner ? slot.file : entry.folder + NewMessageID();
   if (!isOwner) {
     long const size = FileSize(target);
     if (size == slot.size) return pass.Settle(entry);  // an earlier attempt made it, and counted it
@@ -249,14 +258,17 @@ void SMailboxDeliverModule::_DeliverEntry(Pass &pass, Entry &entry, Slot &slot) 
   SSizeFile sizeFile(entry.folder);
   if (!sizeFile.Lock()) return pass.FailForNow(entry, "Can't lock size file for " + target);
   _account = entry.account;
-  _uncounted = isOwner ? target : SString();
   if (!_TakeWithinQuota(sizeFile, slot.size)) {
     pass.errors.Push("No storage space available in mailbox for " + Recipients(entry.text).Get(0));
     pass.overQuota.Push(entry.text);
     return;
   }
-  if (!isOwner && !_StoreCopy(slot, target)) return pass.FailForNow(entry, "Couldn't link message file: " + target);
-  if (isOwner) slot.isUnclaimed = false;
+  if (!(isOwner ? slot.substance->Publish() : _StoreCopy(slot, target)))
+    return pass.FailForNow(entry, "Couldn't link message file: " + target);
+  if (isOwner) {
+    slot.files.Unshift(target);
+    slot.isUnclaimed = false;
+  }
   IncreaseMailboxByteCount(sizeFile, slot.size);
   GetBarrier().AddFile(target);
   GetBarrier().AddDirectory(entry.folder);
@@ -264,11 +276,15 @@ void SMailboxDeliverModule::_DeliverEntry(Pass &pass, Entry &entry, Slot &slot) 
   pass.Settle(entry);
 }
 
-// A message in memory is written again, which is less work than a copy of its file.
+// A message in memory is written again, which is less work than a copy of its file. A large one is copied from the
+// first file that was stored, whose blocks it may share, and from the queue when there is none, or its owner has
+// removed it.
 bool SMailboxDeliverModule::_StoreCopy(Slot &slot, SString const &target) {
-  if (!_form.IsInMemory()) return CopyOrLink(slot.files, target);
+  if (!_form.IsInMemory() && slot.files.Length() > 0 && CopyOrLink(slot.files, target)) return true;
   SNewFile copy(target);
-  return copy.IsOpen() && _form.WriteTo(copy.Fd()) && copy.Publish();
+  if (!copy.IsOpen() || !_form.WriteTo(copy.Fd()) || !copy.Publish()) return false;
+  slot.files.Push(target);
+  return true;
 }
 
 unsigned int SMailboxDeliverModule::CopyOrLink(SStringList &files, SString const &target) {

@@ -7,6 +7,8 @@
 #include "brenthaven/text/sstring.h"
 #include "brenthaven/text/sstringlist.h"
 
+class SNewFile;
+
 // Stores the message of a control file in the mailbox of each account under "Deliver-To:", whose entries are
 // "Mailbox account", and answers requests about mailboxes. It runs as a queue module of its own, and by value inside
 // the account handler, which hands small deliveries to ProcessMailControl. mailboxpath.h draws the mailbox tree.
@@ -18,9 +20,10 @@
 //   CR LF;
 //   the queued body, byte for byte.
 //
-// The message is written once for each of two slots (accounts with QJ-Judge-Enabled "yes", all others), into the
+// The message is written first for each of two slots (accounts with QJ-Judge-Enabled "yes", all others), for the
 // mailbox of the first account that falls into the slot: the substance file. Every other account gets a copy. A file
-// appears whole, under its final name, mode 0660. One pass takes at most kBatch entries.
+// appears whole, under its final name, mode 0660, together with its entry in the folder's size record. One pass takes
+// at most kBatch entries.
 class SMailboxDeliverModule : public SModule {
 public:
   static constexpr int kBatch = 512;
@@ -85,6 +88,7 @@ private:
   bool _WriteSubstance(Pass &pass, Entry &entry, Slot &slot);
   bool _DeliverEntries(Pass &pass);
   void _DeliverEntry(Pass &pass, Entry &entry, Slot &slot);
+  bool _WriteForm(SNewFile &stored, SString const &file, SStringList *errors);
   bool _StoreCopy(Slot &slot, SString const &target);
   bool _TakeWithinQuota(SSizeFile &f, long long messageSize);
   unsigned int _DeferUnwritten(Pass &pass);
@@ -106,7 +110,6 @@ private:
   void _LogAccountDeletion(SString const &account);
 
   SString _account;                // current account
-  SString _uncounted;              // a file in its folder that is still to be added to the size record
   int _quotaWarningThreshold = 0;  // percent of the quota in use at which the owner is warned; 0 is never
   long long _defaultQuota = 0;     // bytes; 0 is none
   bool _overQuotaNotices = false;  // tell the owner about a refused message

@@ -19,15 +19,14 @@ namespace {
 
 constexpr long long kNoQuota = std::numeric_limits<int32_t>::max();  // what callers see where there is no limit
 
-// Bytes of the messages in a folder, one file left out; -1 when it could not be read.
-long long CountFolder(SString const &folder, SString const &without) {
+// Bytes of the messages in a folder; -1 when it could not be read.
+long long CountFolder(SString const &folder) {
   DIR *directory = sys::OpenDir(folder);
   if (directory == nullptr) return -1;
   long long total = 0;
   while (struct dirent const *entry = sys::ReadDir(directory)) {
     if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-    SString const file = folder + entry->d_name;
-    long const size = file == without ? 0 : FileSize(file);
+    long const size = FileSize(folder + entry->d_name);
     if (size > 0) total += size;
   }
   bool const complete = errno == 0;
@@ -45,7 +44,7 @@ void ReplaceAll(std::string &text, std::string_view from, std::string_view to) {
 long long KilobytesToBytes(SString const &kilobytes) {
   double const bytes = kilobytes.AsDouble() * 1024;
   if (!(bytes > 0)) return 0;
-  constexpr auto kMost = static_cast<double>(std::numeric_limits<long long>::max() / 2);
+  constexpr double kMost = 4.0e18;  // well inside 64 bits
   return static_cast<long long>(bytes < kMost ? bytes : kMost);
 }
 
@@ -60,7 +59,7 @@ long long SMailboxDeliverModule::AvailableMailboxStorage(SSizeFile &f, unsigned 
   if (_unlimited) limit = kNoQuota;
   long long size = f.GetSize();
   if (size < 0 || recount) {
-    size = CountFolder(f.Folder(), _uncounted);
+    size = CountFolder(f.Folder());
     if (size >= 0) f.SetSize(size);  // else the next delivery counts
   }
   if (quota != nullptr) *quota = limit;
@@ -88,7 +87,6 @@ void SMailboxDeliverModule::IncreaseMailboxByteCount(SSizeFile &f, long long byt
 }
 
 void SMailboxDeliverModule::ComputeSizes() {
-  _uncounted = SString();
   for (SString const &uid : SAccountDB().AccountUIDList()) {
     if (!IsSafeUID(uid)) continue;
     _account = uid;

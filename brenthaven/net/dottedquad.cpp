@@ -1,5 +1,7 @@
 #include "brenthaven/net/dottedquad.h"
 
+#include "brenthaven/text/sstringlist.h"
+
 namespace {
 
 constexpr size_t kMostDigits = 3;
@@ -29,4 +31,13 @@ std::string_view FindDottedQuad(std::string_view text) {
   for (size_t start = 0; start < text.size(); ++start)
     if (size_t const length = QuadLength(text.substr(start)); length > 0) return text.substr(start, length);
   return {};
+}
+
+SString WithQuadReversed(SString const &text) {
+  std::string_view const quad = FindDottedQuad(text.View());
+  if (quad.empty()) return text;
+  SStringList groups = SString(quad).SplitExact(".");
+  groups.Reverse();
+  size_t const start = static_cast<size_t>(quad.data() - text.View().data());
+  return SString(text.View().substr(0, start)) + groups.Join(".") + SString(text.View().substr(start + quad.size()));
 }

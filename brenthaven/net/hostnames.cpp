@@ -62,16 +62,6 @@ std::string_view BracketedQuad(SString const &host) {
   return {};
 }
 
-// A text with its first quad turned around: "1.2.3.4" becomes "4.3.2.1".
-SString WithQuadReversed(SString const &text) {
-  std::string_view const quad = FindDottedQuad(text.View());
-  if (quad.empty()) return text;
-  SStringList groups = SString(quad).SplitExact(".");
-  groups.Reverse();
-  size_t const start = static_cast<size_t>(quad.data() - text.View().data());
-  return SString(text.View().substr(0, start)) + groups.Join(".") + SString(text.View().substr(start + quad.size()));
-}
-
 }  // namespace
 
 int GetHostByName(SString const &name, SStringList *addresses) {

@@ -40,6 +40,23 @@ constexpr ByteClass kClasses[] = {
 
 int OtherCase(int c) { return IsUpper(c) ? c + ('a' - 'A') : IsLower(c) ? c - ('a' - 'A') : c; }
 
+// The expression as a program, from which the states are made. Targets are relative to the step itself, so that what a
+// bound repeats is copied as it is.
+struct SStep {
+  enum Kind : unsigned char {
+    kTake,   // a byte of sets[value]
+    kSplit,  // goes on at first, and else at second
+    kJump,   // goes on at first
+    kMark,   // notes the place in the slots that are bits of value
+    kTest,   // goes on where the conditions that are bits of value hold
+    kMatch,  // the end
+  };
+  Kind kind;
+  int value = 0;
+  int first = 1;
+  int second = 0;
+};
+
 using Code = std::vector<SStep>;
 
 void Append(Code &code, Code const &more) { code.insert(code.end(), more.begin(), more.end()); }
@@ -85,8 +102,12 @@ public:
       _out.isAnchored = false;
       _out.prefix.clear();
     }
-    _out.steps = _groups.back().Finished();
-    _out.steps.push_back({SStep::kMatch});
+  }
+
+  Code Program() const {
+    Code code = _groups.back().Finished();
+    code.push_back({SStep::kMatch});
+    return code;
   }
 
 private:
@@ -125,19 +146,32 @@ private:
   void _ReadOne() {
     char const c = _text[_at];
     switch (c) {
-      case '(': return _OpenGroup();
-      case ')': return _CloseGroup();
-      case '|': return _EndBranch();
-      case '*': return _Repeat(0, kUnbounded, 1);
-      case '+': return _Repeat(1, kUnbounded, 1);
-      case '?': return _Repeat(0, 1, 1);
-      case '^': return _Begin();
-      case '$': return _End();
-      case '.': return _Part({{SStep::kAny}}, 1);
-      case '[': return _Bracket();
-      case '\\': return _Escaped();
-      case '{': return _Brace();
-      default: return _Byte(c, 1);
+      case '(':
+        return _OpenGroup();
+      case ')':
+        return _CloseGroup();
+      case '|':
+        return _EndBranch();
+      case '*':
+        return _Repeat(0, kUnbounded, 1);
+      case '+':
+        return _Repeat(1, kUnbounded, 1);
+      case '?':
+        return _Repeat(0, 1, 1);
+      case '^':
+        return _Begin();
+      case '$':
+        return _End();
+      case '.':
+        return _Set(SByteSet().set(), 1);
+      case '[':
+        return _Bracket();
+      case '\\':
+        return _Escaped();
+      case '{':
+        return _Brace();
+      default:
+        return _Byte(c, 1);
     }
   }
 
@@ -151,11 +185,13 @@ private:
   void _CloseGroup() {
     if (_groups.size() == 1) return _Fail(kOpenGroup);
     Group const &group = _groups.back();
-    Code code{{SStep::kSave, 2 * group.number}};
+    bool const isMarked = group.number < SAutomaton::kMarkedGroups;
+    int const mark = isMarked ? 1 << 2 * group.number : 0;
+    Code code{{SStep::kMark, mark}};
     Append(code, group.Finished());
-    code.push_back({SStep::kSave, 2 * group.number + 1});
+    code.push_back({SStep::kMark, mark << 1});
     _groups.pop_back();
-    _Part(code, 1);
+    _Add(code, 1);
   }
 
   void _EndBranch() {
@@ -164,6 +200,7 @@ private:
     group.branches.push_back(std::move(group.branch));
     group.branch.clear();
     group.canRepeat = false;
+    _size += 2;
     ++_at;
   }
 
@@ -209,7 +246,7 @@ private:
       _out.isAnchored = true;
     else
       _EndPrefix();
-    _Anchor(SStep::kBegin, 1);
+    _Test(SEdge::kAtBegin, 1);
   }
 
   void _End() {
@@ -217,11 +254,11 @@ private:
       _out.isAtEnd = true;
     else
       _EndPrefix();
-    _Anchor(SStep::kEnd, 1);
+    _Test(SEdge::kAtEnd, 1);
   }
 
-  void _Anchor(SStep::Kind kind, size_t length) {
-    _groups.back().Add({{kind}});
+  void _Test(SEdge::Condition condition, size_t length) {
+    _groups.back().Add({{SStep::kTest, static_cast<int>(condition)}});
     _groups.back().canRepeat = false;
     ++_size;
     _at += length;
@@ -234,40 +271,45 @@ private:
 
   void _Byte(char c, size_t length) {
     int const byte = static_cast<unsigned char>(c);
-    if (_ignoreCase && OtherCase(byte) != byte) {
-      SByteSet both;
-      both.set(static_cast<size_t>(byte)).set(static_cast<size_t>(OtherCase(byte)));
-      return _Set(both, length);
-    }
-    if (_isPrefixOpen) _out.prefix += c;
-    ++_size;
-    _groups.back().Add({{SStep::kByte, byte}});
-    _at += length;
+    bool const hasOtherCase = _ignoreCase && OtherCase(byte) != byte;
+    SByteSet set;
+    set.set(static_cast<size_t>(byte));
+    if (hasOtherCase) set.set(static_cast<size_t>(OtherCase(byte)));
+    if (hasOtherCase)
+      _EndPrefix();
+    else if (_isPrefixOpen)
+      _out.prefix += c;
+    _Add({{SStep::kTake, _SetNumber(set)}}, length);
   }
 
-  void _Set(SByteSet const &set, size_t length) {
+  int _SetNumber(SByteSet const &set) {
     auto const known = std::find(_out.sets.begin(), _out.sets.end(), set);
     int const number = static_cast<int>(known - _out.sets.begin());
     if (known == _out.sets.end()) _out.sets.push_back(set);
-    _Part({{SStep::kSet, number}}, length);
+    return number;
   }
 
-  // Anything but a plain byte: what comes behind it is not known to follow the prefix directly.
-  void _Part(Code const &code, size_t length) {
+  void _Set(SByteSet const &set, size_t length) {
     _EndPrefix();
+    _Add({{SStep::kTake, _SetNumber(set)}}, length);
+  }
+
+  void _Add(Code const &part, size_t length) {
     ++_size;
-    _groups.back().Add(code);
+    _groups.back().Add(part);
     _at += length;
   }
 
+  // Called for anything but a plain byte: what comes behind is not known to follow the prefix directly.
   void _EndPrefix() { _isPrefixOpen = _onlyBytes = false; }
 
-  // Brackets. A "]" or "-" that comes first, and a "-" that comes last, is a byte of the bracket, and so is a backslash.
+  // Brackets. A "]" or "-" that comes first, and a "-" that comes last, is a byte of the bracket, and so is a
+  // backslash.
 
   void _Bracket() {
     if (_IsNext(kWordBegin) || _IsNext(kWordEnd)) {
       _EndPrefix();
-      return _Anchor(_IsNext(kWordBegin) ? SStep::kWordBegin : SStep::kWordEnd, kWordBegin.size());
+      return _Test(_IsNext(kWordBegin) ? SEdge::kAtWordBegin : SEdge::kAtWordEnd, kWordBegin.size());
     }
     size_t at = _at + 1;
     bool const isNegated = at < _text.size() && _text[at] == '^';
@@ -328,48 +370,132 @@ private:
   bool _onlyBytes = true;
 };
 
-// All that the program reaches before it takes a byte.
-void FindFirstBytes(SAutomaton &automaton) {
-  std::vector<bool> seen(automaton.steps.size());
-  std::vector<size_t> work{0};
-  while (!work.empty()) {
-    size_t const at = work.back();
-    work.pop_back();
-    if (seen[at]) continue;
-    seen[at] = true;
-    SStep const &step = automaton.steps[at];
-    switch (step.kind) {
-      case SStep::kByte: automaton.firstBytes.set(static_cast<size_t>(step.value)); break;
-      case SStep::kSet: automaton.firstBytes |= automaton.sets[static_cast<size_t>(step.value)]; break;
-      case SStep::kAny: automaton.firstBytes.set(); break;
-      case SStep::kMatch: automaton.canBeEmpty = true; break;
-      case SStep::kSplit: work.push_back(at + static_cast<size_t>(step.second)); [[fallthrough]];
-      default: work.push_back(at + static_cast<size_t>(step.first));
+// Makes the states of a program: one for each kTake, with an edge to each that is reached from it without taking a
+// byte.
+class Flattener {
+public:
+  Flattener(Code const &code, SAutomaton &out) : _code(code), _out(out), _state(code.size()), _reached(code.size()) {}
+
+  void Run() {
+    _out.states.push_back({0, 0, 0});
+    for (size_t at = 0; at < _code.size(); ++at) {
+      if (_code[at].kind != SStep::kTake) continue;
+      _state[at] = static_cast<int>(_out.states.size());
+      _out.states.push_back({_code[at].value, 0, 0});
+    }
+    _AddEdges(_out.states[0], 0);
+    for (size_t at = 0; at < _code.size() && _out.error == kRegexOk; ++at)
+      if (_code[at].kind == SStep::kTake) _AddEdges(_out.states[static_cast<size_t>(_state[at])], at + 1);
+    for (int i = 0; i < _out.states[0].endEdge; ++i) {
+      int const target = _out.edges[static_cast<size_t>(i)].target;
+      if (target == SEdge::kMatch)
+        _out.canBeEmpty = true;
+      else
+        _out.firstBytes |= _out.sets[static_cast<size_t>(_out.states[static_cast<size_t>(target)].set)];
     }
   }
-}
+
+private:
+  struct Place {
+    size_t at;
+    unsigned conditions;
+    unsigned marks;
+  };
+
+  void _AddEdges(SState &state, size_t from) {
+    state.firstEdge = static_cast<int>(_out.edges.size());
+    std::vector<Place> work{{from, 0, 0}};
+    while (!work.empty() && _out.error == kRegexOk) {
+      Place place = work.back();
+      work.pop_back();
+      if (_IsReached(place)) continue;
+      SStep const &step = _code[place.at];
+      switch (step.kind) {
+        case SStep::kTake:
+          _AddEdge(_state[place.at], place);
+          continue;
+        case SStep::kMatch:
+          _AddEdge(SEdge::kMatch, place);
+          continue;
+        case SStep::kSplit:
+          work.push_back({place.at + static_cast<size_t>(step.second), place.conditions, place.marks});
+          break;
+        case SStep::kMark:
+          place.marks |= static_cast<unsigned>(step.value);
+          break;
+        case SStep::kTest:
+          place.conditions |= static_cast<unsigned>(step.value);
+          break;
+        case SStep::kJump:
+          break;
+      }
+      place.at += static_cast<size_t>(step.first);
+      work.push_back(place);
+    }
+    for (size_t at : _touched) _reached[at].clear();
+    _touched.clear();
+    state.endEdge = static_cast<int>(_out.edges.size());
+  }
+
+  // Whether a more eager way came here that asks for no condition that this one does not ask for.
+  bool _IsReached(Place const &place) {
+    if (++_passed > 10 * SAutomaton::kMaxEdges) _out.error = kTooLarge;
+    std::vector<unsigned> &ways = _reached[place.at];
+    for (unsigned const conditions : ways)
+      if ((conditions & ~place.conditions) == 0) return true;
+    if (ways.empty()) _touched.push_back(place.at);
+    ways.push_back(place.conditions);
+    return false;
+  }
+
+  void _AddEdge(int target, Place const &place) {
+    _out.edges.push_back({target, place.conditions, place.marks});
+    if (_out.edges.size() > SAutomaton::kMaxEdges) _out.error = kTooLarge;
+  }
+
+  Code const &_code;
+  SAutomaton &_out;
+  std::vector<int> _state;                      // of each kTake
+  std::vector<std::vector<unsigned>> _reached;  // for each step, the conditions of the ways that came there
+  std::vector<size_t> _touched;                 // steps with such ways
+  size_t _passed = 0;
+};
 
 }  // namespace
 
 char const *RegexErrorText(int error) {
   switch (error) {
-    case kRegexOk: return "no error";
-    case kBadCollation: return "invalid collating element";
-    case kBadClass: return "invalid character class";
-    case kBadEscape: return "trailing backslash (\\)";
-    case kOpenBracket: return "brackets ([ ]) not balanced";
-    case kOpenGroup: return "parentheses not balanced";
-    case kOpenBrace: return "braces not balanced";
-    case kBadBound: return "invalid repetition count(s)";
-    case kBadRange: return "invalid character range";
-    case kTooLarge: return "regular expression too large";
-    case kBadRepetition: return "repetition-operator operand invalid";
-    case kEmpty: return "empty regular expression";
-    default: return "unknown error";
+    case kRegexOk:
+      return "no error";
+    case kBadCollation:
+      return "invalid collating element";
+    case kBadClass:
+      return "invalid character class";
+    case kBadEscape:
+      return "trailing backslash (\\)";
+    case kOpenBracket:
+      return "brackets ([ ]) not balanced";
+    case kOpenGroup:
+      return "parentheses not balanced";
+    case kOpenBrace:
+      return "braces not balanced";
+    case kBadBound:
+      return "invalid repetition count(s)";
+    case kBadRange:
+      return "invalid character range";
+    case kTooLarge:
+      return "regular expression too large";
+    case kBadRepetition:
+      return "repetition-operator operand invalid";
+    case kEmpty:
+      return "empty regular expression";
+    default:
+      return "unknown error";
   }
 }
 
 SAutomaton::SAutomaton(std::string_view expression, bool ignoreCase) {
-  Reader(expression, ignoreCase, *this).Read();
-  if (error == kRegexOk) FindFirstBytes(*this);
+  Reader reader(expression, ignoreCase, *this);
+  reader.Read();
+  if (error == kRegexOk && !isPlainBytes) Flattener(reader.Program(), *this).Run();
 }

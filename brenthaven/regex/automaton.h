@@ -1,7 +1,8 @@
-// brenthaven/regex/automaton.h - a POSIX extended regular expression as a small program of steps.
+// brenthaven/regex/automaton.h - a POSIX extended regular expression as a table of states.
 //
-// A match follows the program from its first step; kSplit goes on at two places, the preferred one first. Targets are
-// relative to the step itself, so that what a bound repeats is copied as it is.
+// A state stands for one byte or bracket of the expression, copies that a bound makes included, and takes one byte of
+// the text. Its edges lead to all that can follow it, the most eager way first: earlier alternatives, longer
+// repetitions. State 0 takes nothing and is where a match begins.
 #pragma once
 #include <bitset>
 #include <string>
@@ -10,24 +11,19 @@
 
 using SByteSet = std::bitset<256>;
 
-struct SStep {
-  enum Kind : unsigned char {
-    kByte,       // the byte value
-    kSet,        // a byte of sets[value]
-    kAny,        // any byte
-    kSplit,      // goes on at first and at second
-    kJump,       // goes on at first
-    kSave,       // notes the place: 2 * group for the start of a group, one more for its end
-    kBegin,      // only at the start of the text
-    kEnd,        // only at its end
-    kWordBegin,  // only where a word begins
-    kWordEnd,
-    kMatch,  // the end of the program
-  };
-  Kind kind;
-  int value = 0;
-  int first = 1;
-  int second = 0;
+struct SEdge {
+  enum Condition : unsigned { kAtBegin = 1, kAtEnd = 2, kAtWordBegin = 4, kAtWordEnd = 8 };
+  static constexpr int kMatch = -1;
+
+  int target;           // a state, or kMatch
+  unsigned conditions;  // of the place between the two bytes; all must hold
+  unsigned marks;       // slots that note this place: bit 2 * group for its start, the next one for its end
+};
+
+struct SState {
+  int set;  // the bytes that it takes
+  int firstEdge;
+  int endEdge;
 };
 
 // What regcomp gives for an expression that it refuses, by its traditional numbers.
@@ -41,7 +37,7 @@ enum SRegexError {
   kOpenBrace = 9,
   kBadBound = 10,
   kBadRange = 11,
-  kTooLarge = 12,  // more than kMaxSteps once the bounds are multiplied out
+  kTooLarge = 12,  // the limits below
   kBadRepetition = 13,
   kEmpty = 14,
 };
@@ -51,12 +47,15 @@ char const *RegexErrorText(int error);
 // any byte means that byte, digits too, so that there are no back references; "{" without a digit behind it is a byte;
 // an empty alternative matches nothing. Collating elements are single bytes.
 struct SAutomaton {
-  static constexpr size_t kMaxSteps = 20000;
+  static constexpr size_t kMaxSteps = 20000;   // bytes, brackets and operators once the bounds are multiplied out
+  static constexpr size_t kMaxEdges = 200000;  // and steps passed over to find them ten times as many
+  static constexpr int kMarkedGroups = 10;     // the whole match and nine groups
 
   SAutomaton(std::string_view expression, bool ignoreCase);
 
   int error = kRegexOk;
-  std::vector<SStep> steps;
+  std::vector<SState> states;
+  std::vector<SEdge> edges;
   std::vector<SByteSet> sets;
   int groups = 0;
 

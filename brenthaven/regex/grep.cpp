@@ -22,7 +22,7 @@ struct FileTest {
   int (*holds)(SString const &path);
 };
 
-constexpr FileTest kFileTests[] = {{'d', IsDirectory}, {'e', FileExists},   {'f', IsRegular},
+constexpr FileTest kFileTests[] = {{'d', IsDirectory}, {'e', FileExists},  {'f', IsRegular},
                                    {'r', IsReadable},  {'w', IsWriteable}, {'x', IsExecutable}};
 
 FileTest const *FileTestFor(char letter) {
@@ -60,19 +60,24 @@ private:
       char const c = _text[_at++];
       switch (c) {
         case ' ':
-        case '\t': break;
-        case '!': isNegated = !isNegated; break;
+        case '\t':
+          break;
+        case '!':
+          isNegated = !isNegated;
+          break;
         case '-':
           if (_at == _text.size()) return kNoTest;
           fileTest = _text[_at];
           kind = kFile;
           return kNone;
-        case '/': return _ReadExpression(kMatch, c);
+        case '/':
+          return _ReadExpression(kMatch, c);
         case 'm':
         case 's':
           if (_at == _text.size() || _text[_at] == '\0') return kIncomplete;
           return _ReadExpression(c == 'm' ? kMatch : kSubstitute, _text[_at++]);
-        default: _Report(kUnknownTest);
+        default:
+          _Report(kUnknownTest);
       }
     }
     return kNoTest;

@@ -1,37 +1,19 @@
 #include "brenthaven/regex/program.h"
 
-#include <locale.h>
 #include <string.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
+#include <utility>
 
 namespace {
 
-// An automaton near these takes a quarter of a second and 100 MiB to compile. The expressions of the system have fewer
-// than 100 positions; a list of 900 words in a setting still passes.
-constexpr double kMaxPositions = 6000;
-constexpr double kMaxEdges = 100000;
-// Edges looked at in one run if every one of them were tried at every byte: one and a half minutes. A body of 20 MiB
-// passes expressions of 190 edges.
-constexpr double kMaxSteps = 4e9;
+// Edges that one run may look at before it is given up: some ten seconds. Only an expression of thousands of them over
+// megabytes of text that keep all of them busy comes near.
+constexpr unsigned long kMaxRunEdges = 4000000000;
 
-// The engine asks the locale how many bytes a character has and what a letter is. Bytes are bytes here, whatever locale
-// the process has set.
-class CLocale {
-public:
-  CLocale() : _before(uselocale(Plain())) {}
-  ~CLocale() { uselocale(_before); }
-  CLocale(CLocale const &) = delete;
-  CLocale &operator=(CLocale const &) = delete;
-
-private:
-  static locale_t Plain() {
-    static locale_t const plain = newlocale(LC_ALL_MASK, "C", locale_t());
-    return plain;
-  }
-  locale_t _before;
-};
+bool IsWord(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_'; }
 
 size_t Find(std::string_view text, size_t start, std::string const &bytes) {
   if (bytes.empty()) return start;
@@ -41,117 +23,159 @@ size_t Find(std::string_view text, size_t start, std::string const &bytes) {
 
 }  // namespace
 
-struct SRegexProgram::Engine {
-  Engine(std::string const &expression, bool ignoreCase) {
-    CLocale const locale;
-    int const flags = REG_EXTENDED | (ignoreCase ? REG_ICASE : 0);
-    status = tre_regncomp(&compiled, expression.data(), expression.size(), flags);
-  }
-  Engine(Engine const &) = delete;
-  Engine &operator=(Engine const &) = delete;
-  ~Engine() {
-    if (status == REG_OK) tre_regfree(&compiled);
-  }
-
-  // Offsets are relative to text.
-  bool Run(std::string_view text, int flags, regmatch_t *slots, int count) const {
-    CLocale const locale;
-    return tre_regnexec(&compiled, text.data(), text.size(), static_cast<size_t>(count), slots, flags) == REG_OK;
+class SRegexProgram::Simulation {
+public:
+  Simulation(SAutomaton const &automaton, Memory &memory, std::string_view text)
+      : _automaton(automaton), _memory(memory), _text(text), _slotCount(2 * std::min(automaton.groups + 1, kMaxSlots)) {
+    size_t const size = automaton.states.size();
+    memory.seen.resize(size);
+    for (Ways *ways : {&memory.now, &memory.next}) {
+      ways->count = 0;
+      ways->states.resize(size);
+      ways->slots.resize(size * static_cast<size_t>(_slotCount));
+    }
+    ++memory.stamp;
   }
 
-  regex_t compiled;
-  int status;
+  bool Run(size_t start) {
+    for (size_t at = start;; ++at) {
+      if (_memory.now.count == 0) {
+        if (_hasMatch) break;
+        at = _NextCandidate(at);
+        if (at == _text.npos) break;
+      }
+      if (!_hasMatch && _CanStart(at)) _Start(at);
+      if (at == _text.size()) break;
+      _Step(at);
+      if (_edgesSeen > kMaxRunEdges) return _GiveUp();
+    }
+    return _hasMatch;
+  }
+
+  void Report(match_info (&slots)[kMaxSlots]) const {
+    for (int group = 0; 2 * group < _slotCount; ++group)
+      if (_best[2 * group + 1] >= 0) slots[group] = {_best[2 * group], _best[2 * group + 1]};
+  }
+
+private:
+  // Where no way is open, the next place at which a match may begin.
+  size_t _NextCandidate(size_t at) const {
+    if (_automaton.isAnchored) return at == 0 ? at : _text.npos;
+    if (!_automaton.prefix.empty()) return Find(_text, at, _automaton.prefix);
+    if (_automaton.canBeEmpty) return at;
+    while (at < _text.size() && !_automaton.firstBytes[static_cast<unsigned char>(_text[at])]) ++at;
+    return at < _text.size() ? at : _text.npos;
+  }
+
+  bool _CanStart(size_t at) const {
+    if (_automaton.isAnchored && at > 0) return false;
+    return _automaton.canBeEmpty || (at < _text.size() && _automaton.firstBytes[static_cast<unsigned char>(_text[at])]);
+  }
+
+  // A way that begins here comes behind all that began earlier.
+  void _Start(size_t at) {
+    int slots[2 * kMaxSlots];
+    std::fill_n(slots, _slotCount, -1);
+    slots[0] = static_cast<int>(at);
+    _Follow(_automaton.states[0], slots, _memory.now, at);
+  }
+
+  // Takes the byte at a place, in the order of the ways.
+  void _Step(size_t at) {
+    Ways const &now = _memory.now;
+    _memory.next.count = 0;
+    ++_memory.stamp;
+    for (int i = 0; i < now.count; ++i) {
+      int const *slots = &now.slots[static_cast<size_t>(i * _slotCount)];
+      if (_hasMatch && slots[0] > _best[0]) break;  // it and those behind it began later than a match
+      _Follow(_automaton.states[static_cast<size_t>(now.states[static_cast<size_t>(i)])], slots, _memory.next, at + 1);
+    }
+    std::swap(_memory.now, _memory.next);
+  }
+
+  // Opens the states behind one that take the byte at a place, each once: who comes first is the more eager.
+  void _Follow(SState const &state, int const *slots, Ways &ways, size_t at) {
+    SEdge const *end = _automaton.edges.data() + state.endEdge;
+    bool const isAtEnd = at == _text.size();
+    auto const byte = static_cast<unsigned char>(isAtEnd ? '\0' : _text[at]);
+    _edgesSeen += static_cast<unsigned long>(state.endEdge - state.firstEdge);
+    for (SEdge const *edge = _automaton.edges.data() + state.firstEdge; edge != end; ++edge) {
+      if (edge->target == SEdge::kMatch) {
+        if (edge->conditions == 0 || _Holds(edge->conditions, at)) _Found(slots, edge->marks, at);
+        continue;
+      }
+      auto const target = static_cast<size_t>(edge->target);
+      if (isAtEnd || !_automaton.sets[static_cast<size_t>(_automaton.states[target].set)][byte]) continue;
+      if (_memory.seen[target] == _memory.stamp) continue;
+      if (edge->conditions != 0 && !_Holds(edge->conditions, at)) continue;
+      _memory.seen[target] = _memory.stamp;
+      ways.states[static_cast<size_t>(ways.count)] = edge->target;
+      _Copy(slots, edge->marks, at, &ways.slots[static_cast<size_t>(ways.count * _slotCount)]);
+      ++ways.count;
+    }
+  }
+
+  void _Copy(int const *slots, unsigned marks, size_t at, int *out) const {
+    std::copy_n(slots, _slotCount, out);
+    for (; marks != 0; marks &= marks - 1) out[std::countr_zero(marks)] = static_cast<int>(at);
+  }
+
+  bool _Holds(unsigned conditions, size_t at) const {
+    bool const before = at > 0 && IsWord(_text[at - 1]);
+    bool const behind = at < _text.size() && IsWord(_text[at]);
+    unsigned const holding = (at == 0 ? SEdge::kAtBegin : 0u) | (at == _text.size() ? SEdge::kAtEnd : 0u) |
+                             (!before && behind ? SEdge::kAtWordBegin : 0u) |
+                             (before && !behind ? SEdge::kAtWordEnd : 0u);
+    return (conditions & ~holding) == 0;
+  }
+
+  void _Found(int const *slots, unsigned marks, size_t at) {
+    auto const end = static_cast<int>(at);
+    if (_hasMatch && (slots[0] > _best[0] || (slots[0] == _best[0] && end <= _best[1]))) return;
+    _hasMatch = true;
+    _Copy(slots, marks, at, _best);
+    _best[1] = end;
+  }
+
+  bool _GiveUp() const {
+    fprintf(stderr, "Regular expression given up after %lu edges over a text of %zu bytes\n", _edgesSeen, _text.size());
+    return false;
+  }
+
+  SAutomaton const &_automaton;
+  Memory &_memory;
+  std::string_view _text;
+  int _slotCount;
+  int _best[2 * kMaxSlots];
+  bool _hasMatch = false;
+  unsigned long _edgesSeen = 0;
 };
 
-SRegexProgram::SRegexProgram(std::string_view expression, bool ignoreCase)
-    : _syntax(expression), _ignoreCase(ignoreCase), _status(_syntax.error) {
-  if (_status != 0) return;
-  if (_syntax.positions > kMaxPositions || _syntax.edges > kMaxEdges) {
-    _status = REG_ESPACE;
-    return;
-  }
-  if (_ignoreCase) {
-    _syntax.prefix.clear();
-    _syntax.isLiteral = false;
-  }
-  _isPlainBytes = _syntax.isLiteral;
-  if (_isPlainBytes) return;
-  _engine = std::make_unique<Engine const>(_syntax.engineText, _ignoreCase);
-  _status = _engine->status;
-}
-
-SRegexProgram::~SRegexProgram() = default;
-
-bool SRegexProgram::Run(std::string_view text, size_t start, match_info *slots, int count) const {
-  std::fill_n(slots, count, match_info{-1, -1});
-  if (_status != 0 || start > text.size()) return false;
-  if (_syntax.isAnchored && start > 0) return false;
-  if (_isPlainBytes) return _RunBytes(text, start, slots);
-  if (_syntax.isAnchored) {
-    if (!text.starts_with(_syntax.prefix)) return false;
-  } else {
-    start = Find(text, start, _syntax.prefix);  // no match can begin before it
-    if (start == text.npos) return false;
-  }
-  if (_IsTooLong(text.substr(start))) return false;
-  if (_syntax.hasWordForms && start > 0) return _RunBehindByte(text, start, slots, count);
-  return _RunEngine(text, start, slots, count);
+bool SRegexProgram::Run(std::string_view text, size_t start, match_info (&slots)[kMaxSlots]) const {
+  std::fill_n(slots, kMaxSlots, match_info{-1, -1});
+  if (Status() != kRegexOk || start > text.size() || (_automaton.isAnchored && start > 0)) return false;
+  if (_automaton.isPlainBytes) return _RunBytes(text, start, slots[0]);
+  Simulation simulation(_automaton, _memory, text);
+  if (!simulation.Run(start)) return false;
+  simulation.Report(slots);
+  return true;
 }
 
 // "^bytes$" and its shorter forms.
-bool SRegexProgram::_RunBytes(std::string_view text, size_t start, match_info *slots) const {
-  std::string const &bytes = _syntax.prefix;
+bool SRegexProgram::_RunBytes(std::string_view text, size_t start, match_info &match) const {
+  std::string const &bytes = _automaton.prefix;
   size_t at = start;
-  if (_syntax.isAnchored && _syntax.isAtEnd) {
+  if (_automaton.isAnchored && _automaton.isAtEnd) {
     if (text != bytes) return false;
-  } else if (_syntax.isAnchored) {
+  } else if (_automaton.isAnchored) {
     if (!text.starts_with(bytes)) return false;
-  } else if (_syntax.isAtEnd) {
+  } else if (_automaton.isAtEnd) {
     if (!text.substr(start).ends_with(bytes)) return false;
     at = text.size() - bytes.size();
   } else {
     at = Find(text, start, bytes);
     if (at == text.npos) return false;
   }
-  slots[0] = {static_cast<int>(at), static_cast<int>(at + bytes.size())};
+  match = {static_cast<int>(at), static_cast<int>(at + bytes.size())};
   return true;
-}
-
-bool SRegexProgram::_RunEngine(std::string_view text, size_t start, match_info *slots, int count) const {
-  regmatch_t found[kMaxSlots];
-  int const asked = std::min(count, _syntax.groups + 1);
-  if (!_engine->Run(text.substr(start), start > 0 ? REG_NOTBOL : 0, found, asked)) return false;
-  int const shift = static_cast<int>(start);
-  for (int i = 0; i < asked; ++i)
-    if (found[i].rm_so >= 0) slots[i] = {found[i].rm_so + shift, found[i].rm_eo + shift};
-  return true;
-}
-
-// The engine takes the start of what it is given for the edge of a word. So it is given one byte more, and a form of the
-// expression that passes over that byte: a match of ".(E)" at p is a match of E at p + 1 with the byte at p in view.
-bool SRegexProgram::_RunBehindByte(std::string_view text, size_t start, match_info *slots, int count) const {
-  if (_behindByte == nullptr)
-    _behindByte = std::make_unique<Engine const>(".(" + _syntax.engineText + ")", _ignoreCase);
-  if (_behindByte->status != REG_OK) return false;
-  regmatch_t found[kMaxSlots + 1];
-  int const asked = std::min(count, _syntax.groups + 1);
-  if (!_behindByte->Run(text.substr(start - 1), REG_NOTBOL, found, asked + 1)) return false;
-  int const shift = static_cast<int>(start) - 1;
-  for (int i = 0; i < asked; ++i)
-    if (found[i + 1].rm_so >= 0) slots[i] = {found[i + 1].rm_so + shift, found[i + 1].rm_eo + shift};
-  return true;
-}
-
-bool SRegexProgram::_IsTooLong(std::string_view text) const {
-  double const steps = std::max(_syntax.edges, 1.0) * static_cast<double>(text.size());
-  if (steps <= kMaxSteps) return false;
-  fprintf(stderr, "Regular expression not run: %.0f edges over %zu bytes are too many steps\n", _syntax.edges,
-          text.size());
-  return true;
-}
-
-SString SRegexProgram::ErrorText(int status) {
-  char text[100];
-  tre_regerror(status, nullptr, text, sizeof text);
-  return text;
 }

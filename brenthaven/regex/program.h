@@ -6,12 +6,12 @@
 #include "brenthaven/regex/automaton.h"
 #include "brenthaven/regex/sregex.h"
 
-// All ways through the automaton are followed at once, byte by byte, so that a run takes at most the number of its steps
-// for each byte, and never looks at a byte twice. Among the matches the one that starts first wins, and of those the
-// longest. The groups are those of the most eager way to it: earlier alternatives and longer repetitions first.
+// All ways through the automaton are followed at once, byte by byte, so that a run looks at each edge at most once for
+// a byte, and never goes back. Among the matches the one that starts first wins, and of those the longest. The groups
+// are those of the most eager way to it: earlier alternatives and longer repetitions first.
 class SRegexProgram {
 public:
-  static constexpr int kMaxSlots = 10;  // that a run fills: the whole match and nine groups
+  static constexpr int kMaxSlots = SAutomaton::kMarkedGroups;
 
   SRegexProgram(std::string_view expression, bool ignoreCase) : _automaton(expression, ignoreCase) {}
 
@@ -22,16 +22,18 @@ public:
 
 private:
   class Simulation;
-  // Memory of a run, kept for the next one. One object serves one run at a time.
-  struct Threads {
-    std::vector<int> steps;   // where each way stands, the most eager first
-    std::vector<int> places;  // its slots, all of one way together
-    std::vector<int> member;  // for each step, where in the list it stands, if it does
+  // The ways that are open at one byte, the most eager first: the state of each, which takes the byte, and its slots.
+  struct Ways {
+    int count = 0;
+    std::vector<int> states;
+    std::vector<int> slots;
   };
+  // Memory of a run, kept for the next one: an object serves one run at a time.
   struct Memory {
-    Threads now;
-    Threads next;
-    std::vector<int> work;
+    Ways now;
+    Ways next;
+    std::vector<unsigned long> seen;  // for each state, the stamp of the byte for which it was last opened
+    unsigned long stamp = 0;
   };
 
   bool _RunBytes(std::string_view text, size_t start, match_info &match) const;

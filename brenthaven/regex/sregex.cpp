@@ -15,13 +15,20 @@ bool HasFlag(char const *flags, char flag) { return flags != nullptr && strchr(f
 // The byte that a backslash and a letter stand for in a replacement; other bytes stand for themselves.
 char ControlByte(char letter) {
   switch (letter) {
-    case '0': return '\0';
-    case 'f': return '\f';
-    case 'n': return '\n';
-    case 'r': return '\r';
-    case 't': return '\t';
-    case 'v': return '\v';
-    default: return letter;
+    case '0':
+      return '\0';
+    case 'f':
+      return '\f';
+    case 'n':
+      return '\n';
+    case 'r':
+      return '\r';
+    case 't':
+      return '\t';
+    case 'v':
+      return '\v';
+    default:
+      return letter;
   }
 }
 
@@ -53,14 +60,12 @@ void SRegex::Debug() const {
   else if (OK())
     fputs("SRegex is OK\n", stderr);
   else
-    fprintf(stderr, "SRegex didn't compile because of the following reason:%s\n",
-            static_cast<char const *>(SRegexProgram::ErrorText(_status)));
+    fprintf(stderr, "SRegex didn't compile because of the following reason:%s\n", RegexErrorText(_status));
 }
 
 bool SRegex::_Run(std::string_view text, int start) const {
-  static_assert(kReported == SRegexProgram::kMaxSlots);
-  if (!OK() || start < 0) return false;
-  return _program->Run(text, static_cast<size_t>(start), _slots, kReported);
+  static_assert(kSlots == SRegexProgram::kMaxSlots);
+  return OK() && start >= 0 && _program->Run(text, static_cast<size_t>(start), _slots);
 }
 
 unsigned SRegex::HasMatch(SString const &text, int start) const { return _Run(text.View(), start); }

@@ -3,7 +3,9 @@
 // Texts and expressions are counted bytes: NUL is a byte like any other, "." matches it, and the locale plays no part.
 // "[[:<:]]" and "[[:>:]]" are the beginning and end of a word (ASCII letters, digits and "_"). A backslash outside a
 // bracket makes the byte behind it literal, inside one it is a byte of the bracket. Matches are leftmost and longest.
-// There are no back references, so that a match takes time linear in the text for any one expression.
+// There are no back references, and a match takes time linear in the text for any one expression. An expression that is
+// too large once its bounds are multiplied out does not compile; a match that takes billions of steps is given up, with
+// a line on the error stream.
 #pragma once
 #include <memory>
 
@@ -52,8 +54,7 @@ protected:
 
 private:
   static constexpr int kNeverCompiled = -1;
-  static constexpr int kSlots = 11;     // the whole match and ten groups
-  static constexpr int kReported = 10;  // of them are asked of the engine; the last one always reads -1
+  static constexpr int kSlots = 10;  // the whole match and nine groups; any further group reads -1
 
   bool _Run(std::string_view text, int start) const;
   SStringList _MatchList(SString const &text) const;

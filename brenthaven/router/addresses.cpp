@@ -2,7 +2,8 @@
 //
 // The work list holds channel entries. Each is taken off its front and ends in one of five places: an account, a remote
 // host, one of two lists of refused addresses, or nowhere, because the message goes there already. An alias, and an
-// address with "%" that may be relayed, put further entries at the end of the list instead, and those take the same way.
+// address with "%" that may be relayed, put further entries at the end of the list instead, and those take the same
+// way.
 #include <utility>
 
 #include "brenthaven/accounts/accountdb.h"
@@ -89,14 +90,16 @@ SStringList SSMTPRouterModule::MatchFieldPreload() {
     address.Domain() = GetHostAddrPart(address, 0);
     done.Push(LowerCase(address.Get()));
     SString const uid = accounts.GetAccountUID(address);
-    if (uid.Length() == 0) pending.Push(SAliasDB().GetChannelAliases(address));
-    else if (!done.Contains(uid)) done.Push(uid);
+    if (uid.Length() == 0)
+      pending.Push(SAliasDB().GetChannelAliases(address));
+    else if (!done.Contains(uid))
+      done.Push(uid);
   }
   return done;
 }
 
-// A list on the message takes note of its members, so that one who is a recipient too gets the message once, through the
-// list, if the list wants that and no other list on the message does not. Members are known as the list knows them:
+// A list on the message takes note of its members, so that one who is a recipient too gets the message once, through
+// the list, if the list wants that and no other list on the message does not. Members are known as the list knows them:
 // those elsewhere by their address, those here by their UID.
 void SSMTPRouterModule::_NoteListMembers(Pass &pass) {
   SAccountDB accounts;
@@ -110,7 +113,8 @@ void SSMTPRouterModule::_NoteListMembers(Pass &pass) {
       SString const lowerUid = LowerCase(uid);
       if (target.Contains(lowerUid)) continue;
       SAccount member;
-      SString const remote = accounts.GetAccountInfo(uid, &member) ? member.GetString(kAttrRemoteSmtpAddress) : SString();
+      SString const remote =
+          accounts.GetAccountInfo(uid, &member) ? member.GetString(kAttrRemoteSmtpAddress) : SString();
       target.Add(remote.Length() > 0 ? LowerCase(remote) : lowerUid);
     }
   }
@@ -216,8 +220,8 @@ void SSMTPRouterModule::_RouteToPostmaster(Pass &pass, Entry const &entry) {
   pass.Note(entry.text, SRouteStep::kAccount, kPostmasterUid);
 }
 
-// "user%host" in a domain of ours stands for "user@host", as old gateways wrote it (RFC 1123, section 5.2.16). Whom it may
-// be used to reach is limited, or anybody could send to anybody through this machine.
+// "user%host" in a domain of ours stands for "user@host", as old gateways wrote it (RFC 1123, section 5.2.16). Whom it
+// may be used to reach is limited, or anybody could send to anybody through this machine.
 void SSMTPRouterModule::_RouteByPercent(Pass &pass, Entry &entry, int percent) {
   SString const before = ChannelEntry(entry.plain);
   SString const &local = entry.local;
@@ -256,8 +260,10 @@ void SSMTPRouterModule::_RouteToHost(Pass &pass, Entry const &entry) {
     return pass.Note(entry.text, SRouteStep::kSourceRoute, key);
   }
   SString host = entry.routedHost;
-  if (!pass.force) host = RewriteSMTPAddrs(LowerCase(GetHostAddrPart(entry.sent, 0)));
-  else if (pass.fromBypass) host = entry.unroutedHost;
+  if (!pass.force)
+    host = RewriteSMTPAddrs(LowerCase(GetHostAddrPart(entry.sent, 0)));
+  else if (pass.fromBypass)
+    host = entry.unroutedHost;
   pass.hosts[host].Push(ChannelEntry(entry.sent.Address()));
   pass.Note(entry.text, SRouteStep::kSentTo, host);
 }

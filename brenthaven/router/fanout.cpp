@@ -1,8 +1,9 @@
 // The fan-out: one control for "SMTP-Deliver" a remote host.
 //
 // Copies are made in batches. A batch is committed by the write of the own control, which then records its entries in
-// Channel-To!; until then its copies are known to nobody and can be taken back. Only then are they released, each to the
-// dispatcher or, for a host that is served by a queue of its own, into the deferred directory of the delivery module.
+// Channel-To!; until then its copies are known to nobody and can be taken back. Only then are they released, each to
+// the dispatcher or, for a host that is served by a queue of its own, into the deferred directory of the delivery
+// module.
 #include <algorithm>
 #include <vector>
 
@@ -31,7 +32,7 @@ SNamedValue QueueDomains() {
 
 // A control for another module, without the recipients that this one knows of.
 SControl CopyFor(SControl const &own, char const *function) {
-  SControl copy = own;
+  SControl copy(own);
   for (char const *key : {kKeyChannelTo, kKeyChannelToDone, kKeyAccountToDone, kKeyDeliverToDone}) copy.Delete(key);
   copy[kKeyFunction] = function;
   return copy;
@@ -43,7 +44,8 @@ bool IsSourceRoute(SString const &key) { return key.Index(' ') >= 0; }
 
 // One fan-out: what its copies have in common, and the batch at hand.
 struct SSMTPRouterModule::FanOut {
-  FanOut(SControl const &own, SNamedStringList *table) : copy(CopyFor(own, kModuleSmtpDeliver)), hosts(*table), buckets(QueueDomains()) {
+  FanOut(SControl const &own, SNamedStringList *table)
+      : copy(CopyFor(own, kModuleSmtpDeliver)), hosts(*table), buckets(QueueDomains()) {
     batch.reserve(kBatch);
   }
 
@@ -74,7 +76,8 @@ int SSMTPRouterModule::WriteSMTPDeliver(SNamedStringList *hosts, unsigned int ar
   return 1;
 }
 
-// Within another module's run a large fan-out would hold that module up: a control for the router's own process takes it.
+// Within another module's run a large fan-out would hold that module up: a control for the router's own process takes
+// it.
 int SSMTPRouterModule::_PassFanOutOn(SNamedStringList &hosts, SStringList const &keys) {
   SControl copy = CopyFor(GetControl(), kModuleSmtpRouter);
   copy.PutFilename(NewMessageID());

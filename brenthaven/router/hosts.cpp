@@ -60,7 +60,7 @@ bool SSMTPRouterModule::_IsThisHost(SString const &name) const {
 SStringList SSMTPRouterModule::GetRFC821Addresses(SString const &text) {
   static SPerlRegex const kBracketed("<(.+)(@.*)>");
   SStringList addresses;
-  SString rest = text;
+  SString rest(text);
   for (SStringList match = rest.S(kBracketed, ""); match.Length() > 0; match = rest.S(kBracketed, ""))
     addresses.Push(match.Get(1) + match.Get(2));
   if (addresses.Length() == 0 && text.Length() > 0)

@@ -2,7 +2,7 @@
 
 #include "brenthaven/router/settings.h"
 
-void SSidelineSettings::Load(Sdbfile const &config) {
+void SSidelineSettings::Load(SNamedStringList const &config) {
   struct Flag {
     char const *key;
     bool SSidelineSettings::*field;

@@ -1,7 +1,7 @@
 // brenthaven/router/judge.h - the sideline judge: whether a message may take the normal road at all.
 #pragma once
 #include "brenthaven/spool/control.h"
-#include "brenthaven/store/sdbfile.h"
+#include "brenthaven/text/named.h"
 #include "brenthaven/text/sstring.h"
 #include "brenthaven/text/sstringlist.h"
 
@@ -32,7 +32,7 @@ struct SSidelineSettings {
   bool logNumRecipientTcp = false;
   bool logDetailFilter = false;
 
-  void Load(Sdbfile const &config);  // with its cursor on the section
+  void Load(SNamedStringList const &config);
 };
 
 // What becomes of a sidelined message, by the values of the key "SideLine" in "/Error-Actions".

@@ -29,13 +29,13 @@ struct SSMTPRouterModule::Pass {
   bool localDomainsRead = false;
 
   // Where the entries went.
-  SStringList accounts;         // UIDs
-  SStringList channels;         // entries for the hand-over
-  SStringSet relayed;           // those of them that stand for the target of a "%" address, which is routed itself
+  SStringList accounts;  // UIDs
+  SStringList channels;  // entries for the hand-over
+  SStringSet relayed;    // those of them that stand for the target of a "%" address, which is routed itself
   SStringList unknown;
-  SStringList unallowed;        // "%" addresses that the sender may not relay by
-  SNamedStringList hosts;       // route key to entries
-  SNamedStringList archive;     // archive target to entries
+  SStringList unallowed;     // "%" addresses that the sender may not relay by
+  SNamedStringList hosts;    // route key to entries
+  SNamedStringList archive;  // archive target to entries
 
   void Note(SString const &entry, SRouteStep step, SString const &detail) const {
     if (observer != nullptr) observer->Note(entry, step, detail);

@@ -4,22 +4,22 @@
 
 // One step of a decision. The comment says what the detail of the step holds.
 enum class SRouteStep {
-  kBadAddress,        // the address as far as it can be printed, "" or "<>"; refused
-  kHost,              // the host after canonicalisation, where it differs from the one written
-  kAlreadyRouted,     // the lower-cased address; it is routed once a message
-  kAlias,             // one entry that takes the place of this one; told once for each
-  kLocalDomain,       // the domain: mail for it ends here
-  kRemoteDomain,      // the domain: mail for it is sent on
-  kCatchAll,          // UID of the domain's account "*"
-  kAccount,           // UID; delivered here
-  kAccountHasIt,      // UID that another address of this message has led to already
-  kThroughList,       // UID or address that receives the message as a member of a list
-  kPercentRelay,      // the entry that a local part with "%" stands for
-  kPercentRefused,    // the address; the sender may not relay by "%"
-  kUnknown,           // the address: no account, no alias and no catch-all
-  kSourceRoute,       // route and host
-  kSentTo,            // host after the routing table
-  kStoreUnreadable,   // the address; nothing is decided for the whole message, which waits
+  kBadAddress,       // the address as far as it can be printed, "" or "<>"; refused
+  kHost,             // the host after canonicalisation, where it differs from the one written
+  kAlreadyRouted,    // the lower-cased address; it is routed once a message
+  kAlias,            // one entry that takes the place of this one; told once for each
+  kLocalDomain,      // the domain: mail for it ends here
+  kRemoteDomain,     // the domain: mail for it is sent on
+  kCatchAll,         // UID of the domain's account "*"
+  kAccount,          // UID; delivered here
+  kAccountHasIt,     // UID that another address of this message has led to already
+  kThroughList,      // UID or address that receives the message as a member of a list
+  kPercentRelay,     // the entry that a local part with "%" stands for
+  kPercentRefused,   // the address; the sender may not relay by "%"
+  kUnknown,          // the address: no account, no alias and no catch-all
+  kSourceRoute,      // route and host
+  kSentTo,           // host after the routing table
+  kStoreUnreadable,  // the address; nothing is decided for the whole message, which waits
 };
 
 // A short word for the step, "alias", for a listing.

@@ -12,9 +12,12 @@ namespace {
 SString ExpressionOf(SString const &pattern) {
   SString expression = "^";
   for (char const c : pattern.View()) {
-    if (c == '.') expression += "\\.";
-    else if (c == '*') expression += ".*";
-    else expression += c;
+    if (c == '.')
+      expression += "\\.";
+    else if (c == '*')
+      expression += ".*";
+    else
+      expression += c;
   }
   return expression + "$";
 }

@@ -1,13 +1,22 @@
-// brenthaven/router/settings.h - reading numbers from settings. Private to the router.
+// brenthaven/router/settings.h - reading sections of settings. Private to the router.
 #pragma once
 #include <algorithm>
 #include <limits>
 
 #include "brenthaven/store/sdbfile.h"
+#include "brenthaven/text/named.h"
+
+// All values of the section on which a cursor stands. Each read of a setting looks for changes by other processes, and
+// most of the many settings that there are stand in no section: it pays to read only those that do.
+inline SNamedStringList ReadSection(Sdbfile const &db) {
+  SNamedStringList section(1, 0);
+  for (SString const &name : db.Values()) section[name] = db.Get(name);
+  return section;
+}
 
 // The first value of a key as a number, its fraction dropped and held within the range of int; 0 when it is absent or
 // no number.
-inline int ReadCount(Sdbfile const &config, char const *key) {
-  long const number = config.Get(key).Get(0).AsLong();
+inline int ReadCount(SNamedStringList const &section, char const *key) {
+  long const number = section.Get(key).Get(0).AsLong();
   return static_cast<int>(std::clamp<long>(number, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
 }

@@ -32,23 +32,25 @@ void SSMTPRouterModule::ProcessQueue() {
 
 unsigned int SSMTPRouterModule::LoadEnv() {
   _logName = GetModuleName();
+  Sdbfile::ClearReadFailed();
   Sdbfile db(GetModuleName(), 0, kProductWord);
   if (!_LoadConfig(db) || !_LoadErrorActions(db)) return 0;
   LoadSMTPRewriteTable(db);
-  if (!_LoadRewriteDomains(db)) return 0;
+  if (!_LoadRewriteDomains(db) || Sdbfile::ReadFailed()) return 0;  // half a routing table would misroute
   (void)_handler.LoadEnv();  // mail for other hosts is routed even where no mailbox can be served
   return 1;
 }
 
 bool SSMTPRouterModule::_LoadConfig(Sdbfile &db) {
   if (!db.Open("/Config", 0)) return false;
-  _maximumHops = ReadCount(db, "MaximumMTAHops");
+  SNamedStringList const config = ReadSection(db);
+  _maximumHops = ReadCount(config, "MaximumMTAHops");
   if (_maximumHops < kFewestHops || _maximumHops > kMostHops) _maximumHops = kDefaultHops;
-  _foreignPercent = db.Get("ForeignPercentAddr").Get(0) == "yes";
-  _canonicalize = db.Get("Canonicalize").Get(0) != "no";  // "No" leaves it on
+  _foreignPercent = config.Get("ForeignPercentAddr").Get(0) == "yes";
+  _canonicalize = config.Get("Canonicalize").Get(0) != "no";  // "No" leaves it on
   _fastRoutePath = GetEnv("FastMRT");
-  _sideline.Load(db);
-  if (_judge.InitFilters(db.Get("SideLineDetailFilters"))) return true;
+  _sideline.Load(config);
+  if (_judge.InitFilters(config.Get("SideLineDetailFilters"))) return true;
   LogRouterLine(_logName, "sideline judge init filter failed");
   return false;
 }

@@ -15,9 +15,9 @@
 #include "brenthaven/text/sstringlist.h"
 
 // Every message enters here. The router takes each entry of Channel-To: to a local account, an alias, a remote host or
-// an error, and leaves behind one control for "SMTP-Deliver" a remote host, the hand-over of the local recipients to the
-// account handler that it holds by value, an error record for what it refused, or nothing. LoadEnv once, then any number
-// of messages one after another; no state of one message outlives its ProcessMail.
+// an error, and leaves behind one control for "SMTP-Deliver" a remote host, the hand-over of the local recipients to
+// the account handler that it holds by value, an error record for what it refused, or nothing. LoadEnv once, then any
+// number of messages one after another; no state of one message outlives its ProcessMail.
 class SSMTPRouterModule : public SModule {
 public:
   SSMTPRouterModule();
@@ -37,9 +37,9 @@ public:
   unsigned int LoadEnv() override;
 
   using SModule::ProcessRequest;
-  // Answers in the request itself where mail for Address: would go: Account-To:, Channel-To: or neither, and the address
-  // as understood under Address!, which is empty for none. With useDirectory accounts are those of the directory at the
-  // hosts, port and base given; at present none is asked, and they are all unknown. Always answers.
+  // Answers in the request itself where mail for Address: would go: Account-To:, Channel-To: or neither, and the
+  // address as understood under Address!, which is empty for none. With useDirectory accounts are those of the
+  // directory at the hosts, port and base given; at present none is asked, and they are all unknown. Always answers.
   virtual void ProcessRequest(SRequest &request, int useDirectory, SString primaryHost, SString secondaryHost,
                               SString port, SString base);
 
@@ -66,8 +66,8 @@ public:
   // The host of an address in its canonical form; without one DefaultDomain of the environment, else the host name of
   // this machine. resolve: a domain literal becomes the name that the name service has for it.
   SString GetHostAddrPart(S821Address const &address, unsigned int resolve);
-  // A host after RewriteDomains and CanonicalizeHostName. A domain literal stays as it is, unless resolve is set and the
-  // name service knows its name.
+  // A host after RewriteDomains and CanonicalizeHostName. A domain literal stays as it is, unless resolve is set and
+  // the name service knows its name.
   SString CanonicalizeHost(SString host, unsigned int resolve);
   // Whether mail for the host ends here: one of LocalMailDomains, HostName, "localhost" or "localhost." + DomainName.
   int IsLocalDelivery(SString host);

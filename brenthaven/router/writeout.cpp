@@ -96,9 +96,9 @@ int SSMTPRouterModule::WriteAcctHandler(SStringList const &accounts, SStringList
   return _handler.ProcessMailControl(own) ? 1 : 0;
 }
 
-// The handler could not finish. What it has done is known to its control alone (Deliver-To!), so that becomes ours, with
-// the handler's pass in its trace. Then the recipients handed over are ours to route again. When there were none, only
-// handlers of other kinds are left to be served, and the control stays the account handler's.
+// The handler could not finish. What it has done is known to its control alone (Deliver-To!), so that becomes ours,
+// with the handler's pass in its trace. Then the recipients handed over are ours to route again. When there were none,
+// only handlers of other kinds are left to be served, and the control stays the account handler's.
 void SSMTPRouterModule::_TakeBack(Pass const &pass, SStringList const &done) {
   SControl &own = GetControl();
   own = _handler.GetControl();

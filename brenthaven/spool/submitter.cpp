@@ -131,7 +131,7 @@ void SSubmitter::_CompleteHeader() {
 
 SString SSubmitter::_ContentType() const {
   if (!_mimeSet || _body.MainType().Length() == 0) return kDefaultContentType;
-  SString const type = _body.MainType() + "/" + _body.Subtype();
+  SString type = _body.MainType() + "/" + _body.Subtype();
   if (_body.MainType() != "multipart") return type;
   return type + ";\r\n\t\tBoundary=\"" + _body.Boundary() + "\"";
 }

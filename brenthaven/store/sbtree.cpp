@@ -58,13 +58,18 @@ int OpenDescriptor(char const *path, int flags) {
   return -1;
 }
 
-// A file that does not end with a whole page lost pages that others refer to: writing would give their numbers to new
-// pages. (The byte order of the other kind is left to the engine.)
-bool IsCutShort(int descriptor, off_t size) {
+// Page size of a file, whichever byte order it has; that of a new file when it is empty or no B-tree file.
+std::uint32_t PageSizeOf(int descriptor) {
   std::uint32_t head[3];  // magic, version, page size
-  if (sys::Pread(descriptor, head, sizeof head, 0) != static_cast<ssize_t>(sizeof head)) return size != 0;
-  return head[0] == kMagic && head[2] != 0 && size % head[2] != 0;
+  bool const isRead = sys::Pread(descriptor, head, sizeof head, 0) == static_cast<ssize_t>(sizeof head);
+  if (isRead && head[0] == kMagic && head[2] != 0) return head[2];
+  if (isRead && head[0] == __builtin_bswap32(kMagic) && head[2] != 0) return __builtin_bswap32(head[2]);
+  return kInfo.psize;
 }
+
+// The engine moves a longer key out of the page and then looks for its place by the reference it left behind, so that
+// the key is never found again.
+size_t LongestKey(std::uint32_t pageSize) { return pageSize / 2 - 32; }
 
 }  // namespace
 
@@ -130,9 +135,12 @@ int SBTree::_OpenLocked(char const *path, int flags) {
   if (!IsSameFile(ours, other)) return EAGAIN;
   if (_writable && (flags & O_TRUNC) != 0) {
     if (sys::Ftruncate(_descriptor, 0) != 0) return errno;
-  } else if (_writable && IsCutShort(_descriptor, ours.st_size)) {
-    return EINVAL;
   }
+  std::uint32_t const pageSize = PageSizeOf(_descriptor);
+  // A file that does not end with a whole page lost pages that others refer to: writing would give their numbers to new
+  // ones.
+  if (_writable && (flags & O_TRUNC) == 0 && ours.st_size % pageSize != 0) return EINVAL;
+  _longestKey = LongestKey(pageSize);
 
   errno = 0;
   _handle = dbopen(path, flags & O_ACCMODE, kEngineMode, kBTreeType, &kInfo);
@@ -238,7 +246,7 @@ SString SBTree::Get(SString const &key) {
 }
 
 unsigned SBTree::Set(SString const &key, SString const &value) {
-  if (!Open()) return 0;
+  if (!Open() || static_cast<size_t>(key.Length()) > _longestKey) return 0;
   SBTreeItem wanted = ItemOf(key);
   SBTreeItem const stored = ItemOf(value);
   return _Change([&](SBTreeEngine *engine) { return engine->put(engine, &wanted, &stored, 0); });

@@ -43,7 +43,8 @@ public:
 
   // Undefined when there is no such key; a key with an empty value gives a defined, empty string.
   SString Get(SString const &key);
-  // Both 0 outside a write section, and Delete also for a key that is not there.
+  // Both 0 outside a write section; Delete also for a key that is not there, and Set for a key of more than half a page
+  // less 32 bytes (8160 with pages of 16384), which the engine could not find again. Values may be of any length.
   unsigned Set(SString const &key, SString const &value);
   unsigned Delete(SString const &key);
 
@@ -112,10 +113,11 @@ private:
   int _openFlags = 0;
   SString _file;
   int _status = 0;
-  int _moveStatus = 0;   // the same for the last Seq call
-  int _descriptor = -1;  // ours, for the locks; open when the handle is
-  pid_t _owner = 0;      // process that opened the file
-  Stamp _stamp;          // of the file when it was opened
+  int _moveStatus = 0;     // the same for the last Seq call
+  int _descriptor = -1;    // ours, for the locks; open when the handle is
+  pid_t _owner = 0;        // process that opened the file
+  size_t _longestKey = 0;  // of the open file
+  Stamp _stamp;            // of the file when it was opened
   bool _writable = false;
   bool _holdsLock = false;  // from the open to the close
   bool _changed = false;    // there may be dirty pages

@@ -147,7 +147,7 @@ int SObjectDB::GetType(SString const &name) { return GetStringAttrib(kTypeAttrib
 SStringList SObjectDB::GetAttrib(int attribute, SString const &name) {
   if (!_Knows(attribute)) return SStringList();
   ReadSection section(*this, ReadSection::Of::kAttributes);
-  return _SplitValues(_attributes.Get(AttributeKey(name, attribute)));
+  return SplitValues(_attributes.Get(AttributeKey(name, attribute)));
 }
 
 SString SObjectDB::GetStringAttrib(int attribute, SString const &name) {
@@ -315,7 +315,10 @@ unsigned SObjectDB::Backup(SString const &attributeSuffix, SString const &indexS
 }
 
 SString SObjectDB::_CanonicalizeValue(int attribute, SString const &value) const {
-  unsigned const flags = _FlagsOf(attribute);
+  return CanonicalValue(_FlagsOf(attribute), value);
+}
+
+SString SObjectDB::CanonicalValue(unsigned flags, SString const &value) {
   SString text = value;
   if ((flags & kAttributeLowerCase) != 0) text.LowerCase();
   if ((flags & kAttributeAddress) != 0) {
@@ -330,7 +333,7 @@ SString SObjectDB::_CanonicalizeValue(int attribute, SString const &value) const
 }
 
 // Trailing empty items are lost here: their NUL bytes can't be told from the end.
-SStringList SObjectDB::_SplitValues(SString value) const {
+SStringList SObjectDB::SplitValues(SString value) {
   if (!value.Defined()) return SStringList();
   while (value.Length() > 0 && value[-1] == '\0') value.Chop();
   SStringList items = value.SplitExact(kNul);

@@ -83,6 +83,11 @@ public:
   unsigned WriteFailed() const { return _attributes.WriteFailed() | _index.WriteFailed(); }
   void ClearWriteFailed();
 
+  // For whoever reads the files as they stand: a value's form in the index, from the SAttributeFlag bits of its
+  // attribute (an empty one has no entry), and the items of an attribute record.
+  static SString CanonicalValue(unsigned flags, SString const &value);
+  static SStringList SplitValues(SString value);
+
 private:
   class ReadSection;
 
@@ -92,7 +97,6 @@ private:
   void _WalkValues(int attribute, Take take);
   SString _CanonicalizeValue(int attribute, SString const &value) const;
   SString _IndexPrefix(int attribute, SString const &value) const;
-  SStringList _SplitValues(SString value) const;
   SString _JoinValues(SStringList const &values) const;
   unsigned _UpdateIndex(int attribute, SString const &name, SStringList const &values);
   unsigned _MayHold(int attribute, SString const &name, SStringList const &values);

@@ -122,7 +122,7 @@ SStringList ReadDir(SString const &path) {
     names.Push(prefix + entry->d_name);
   }
   int const error = errno;
-  if (error != 0) names.Undef();  // half a directory would be taken for all of it
+  if (error != 0) names.Undef();   // half a directory would be taken for all of it
   (void)sys::CloseDir(directory);  // it was only read
   errno = error;
   return names;

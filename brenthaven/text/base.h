@@ -1,17 +1,17 @@
 // brenthaven/text/base.h - the few operations that strings, spool and modules need of the system from the start.
 //
-// Results are 1 for success and 0 for failure, with errno left as the failing call set it. Paths take "/" and "\" alike;
-// one with a NUL byte names nothing.
+// Results are 1 for success and 0 for failure, with errno left as the failing call set it. Paths take "/" and "\"
+// alike; one with a NUL byte names nothing.
 #pragma once
 #include "brenthaven/text/sstring.h"
 #include "brenthaven/text/sstringlist.h"
 
 // Files.
-int RemoveFile(SString const &path);                      // 0 for a directory, which is left alone
-int Rename(SString const &from, SString const &to);       // replaces an existing target; 0 when from is a directory
-int RemoveDir(SString const &path);                       // an empty directory; one trailing slash is dropped
-SStringList ReadDir(SString const &path);                 // full paths, in the system's order; undefined on failure
-SString MapFileRead(SString const &path);                 // the whole file; undefined on failure
+int RemoveFile(SString const &path);                 // 0 for a directory, which is left alone
+int Rename(SString const &from, SString const &to);  // replaces an existing target; 0 when from is a directory
+int RemoveDir(SString const &path);                  // an empty directory; one trailing slash is dropped
+SStringList ReadDir(SString const &path);            // full paths, in the system's order; undefined on failure
+SString MapFileRead(SString const &path);            // the whole file; undefined on failure
 // Makes a new file, mode 0660 whatever the umask, that holds data. An existing file is left alone and gives 0; after a
 // failure no file is left.
 int MapFileWrite(SString const &path, SString const &data);

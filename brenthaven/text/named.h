@@ -3,8 +3,8 @@
 // The byte form of an SNamedStringList, read and written by operator>> and operator<<, is the syntax of control and
 // header files. Each line ends in CR LF (a bare CR or LF is a byte of the value like any other):
 //
-//   key SP value CR LF           the key is all before the first blank, its ":" or "!" included; the value is not trimmed
-//   SP-or-HT rest CR LF          continues the value before it, which keeps the CR LF and the line unchanged
+//   key SP value CR LF           the key is all before the first blank, its ":" or "!" included; the value is not
+//   trimmed SP-or-HT rest CR LF          continues the value before it, which keeps the CR LF and the line unchanged
 //   text-without-blank CR LF     opens no key: one more value of the key before it
 //
 // A key with several values has one line for each, all together, where the key was first added.
@@ -38,8 +38,8 @@ public:
   // Takes over the lists of keys that this table lacks, and of others the values that it does not hold yet.
   SNamedStringList &operator+=(SNamedStringList const &other);
 
-  SStringList &operator[](SString const &key);  // an absent key is made, with an undefined list
-  SStringList Keys() const override;            // without keys whose list is undefined
+  SStringList &operator[](SString const &key);        // an absent key is made, with an undefined list
+  SStringList Keys() const override;                  // without keys whose list is undefined
   virtual SStringList Get(SString const &key) const;  // undefined when absent
 
   friend SString &operator<<(SString &text, SNamedStringList const &table);
@@ -56,7 +56,8 @@ SString &operator<<(SString &text, SNamedStringList const &table);
 SString const &operator>>(SString const &text, SNamedStringList &table);
 
 // The value as it may stand in a field file: a CR LF in it that no blank or tab follows gets a blank behind it, so that
-// it never opens a line of its own and reads back as one value. A value that needs nothing is returned as it is, shared.
+// it never opens a line of its own and reads back as one value. A value that needs nothing is returned as it is,
+// shared.
 SString FoldedFieldValue(SString const &value);
 // Whether a control file may have this key: not empty, and no blank, CR or LF in it.
 bool IsFieldKey(SString const &key);

@@ -32,13 +32,13 @@ public:
   static constexpr int kMaxLength = (1 << 30) - 1;
 
   SString() : _rep(&_undefined) {}
-  SString(char const *text);                // a null pointer gives an empty string
-  SString(char const *bytes, int length);   // negative length: 0; a null pointer: that many zero bytes
-  SString(char c, int count);               // c, count times
-  SString(int number);                      // "%d"
-  SString(long number);                     // "%ld"
-  SString(float number);                    // "%.16g"
-  SString(double number);                   // "%.16g"
+  SString(char const *text);               // a null pointer gives an empty string
+  SString(char const *bytes, int length);  // negative length: 0; a null pointer: that many zero bytes
+  SString(char c, int count);              // c, count times
+  SString(int number);                     // "%d"
+  SString(long number);                    // "%ld"
+  SString(float number);                   // "%.16g"
+  SString(double number);                  // "%.16g"
   explicit SString(std::string_view bytes);
   SString(SString const &other) : _rep(other._rep) { _Retain(); }
   SString(SString &&other) noexcept : _rep(other._rep) { other._rep = &_undefined; }
@@ -56,12 +56,12 @@ public:
   bool Defined() const { return _rep->capacity > 0; }
   void Undef();
   int Length() const { return _rep->length; }
-  SString Clone() const;    // a deep copy; undefined if this is
-  void Debug(int) const;    // prints the rep on the error stream
+  SString Clone() const;  // a deep copy; undefined if this is
+  void Debug(int) const;  // prints the rep on the error stream
 
   // Bytes. Pointers and views hold until this string changes or ends. A string over an SFixedString has no NUL behind
   // its bytes: use View() where that may be.
-  operator char const *() const { return _rep->data; }                      // never null
+  operator char const *() const { return _rep->data; }                    // never null
   char const *AsPtr() const { return Defined() ? _rep->data : nullptr; }  // null when undefined
   std::string_view View() const { return {_rep->data, static_cast<size_t>(_rep->length)}; }
   char operator[](int index) const {  // negative: from the end; 0 out of range
@@ -189,7 +189,7 @@ private:
   static SStringRep *_RepOf(std::string_view bytes);
   static SString _Adopt(SStringRep *rep);
   static SString _Joined(std::string_view a, std::string_view b);
-  static void _Free(SStringRep *rep);
+  [[gnu::noinline]] static void _Free(SStringRep *rep);  // the rare end of the inline paths
   bool _Realloc(int length);
   int _Index(std::string_view text, int from) const;
   int _RIndex(std::string_view text, int from) const;

@@ -16,8 +16,8 @@ namespace {
 using Compare = int (*)(SString const &, SString const &);
 
 // Quicksort by exchange of strings, with a random pivot so that no order of the input is a bad one. Items equal to the
-// pivot are set apart, so that many equal ones cost nothing; the larger side is left to the loop, which bounds the depth
-// of the recursion by the logarithm of the count.
+// pivot are set apart, so that many equal ones cost nothing; the larger side is left to the loop, which bounds the
+// depth of the recursion by the logarithm of the count.
 void SortRange(std::vector<SString *> &items, int first, int last, Compare compare) {
   while (last - first > 1) {
     SString const pivot = *items[static_cast<size_t>(first + RandomInt(last - first))];

@@ -170,7 +170,7 @@ private:
   void _Release() {
     if (_rep->references < kImmortal && --_rep->references == 0) _Free(_rep);
   }
-  static void _Free(Rep *rep);
+  [[gnu::noinline]] static void _Free(Rep *rep);  // the rare end of the inline paths
   void _MakeUnique();
   SStringItem *_FindItem(int index) const;
   SStringItem *_Link(SString text, SStringItem *before);

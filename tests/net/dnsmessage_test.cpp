@@ -23,7 +23,10 @@ std::string Exchanges(SMxReply const &reply) {
 }  // namespace
 
 TEST(DnsMessage, QueryAsBytes) {
-  std::string const want("\x34\x12\x01\0\0\x01\0\0\0\0\0\0\x02mx\x07" "example\0\0\x0F\0\x01", 28);
+  std::string const want(
+      "\x34\x12\x01\0\0\x01\0\0\0\0\0\0\x02mx\x07"
+      "example\0\0\x0F\0\x01",
+      28);
   EXPECT_EQ(Text(MakeMxQuery(0x1234, "mx.example")), want);
   EXPECT_EQ(Text(MakeMxQuery(0x1234, "mx.example.")), want) << "the ending dot is no label";
   EXPECT_EQ(Text(_EncodeName(".")), std::string(1, '\0'));
@@ -36,8 +39,9 @@ TEST(DnsMessage, SendableNames) {
     std::string name;
     bool sendable;
   };
-  for (Case const &c : {Case{"example.org", true}, Case{"example.org.", true}, Case{label, true}, Case{label + "a", false},
-                        Case{longest, true}, Case{longest + "a", false}, Case{"a..b", false}, Case{".a", false}})
+  for (Case const &c :
+       {Case{"example.org", true}, Case{"example.org.", true}, Case{label, true}, Case{label + "a", false},
+        Case{longest, true}, Case{longest + "a", false}, Case{"a..b", false}, Case{".a", false}})
     EXPECT_EQ(IsSendableName(Bytes(c.name)), c.sendable) << c.name;
 }
 
@@ -54,8 +58,11 @@ TEST(DnsMessage, NamesAndThePositionBehindThem) {
   }();
   std::string const label63 = '\x3F' + std::string(63, 'x');
   std::string const text63(63, 'x');
-  std::string pointers;  // each leads to the next, and the last to a name
-  for (int i = 0; i < 128; ++i) pointers += {'\xC0', static_cast<char>(2 * (i + 1))};
+  auto const chain = [](int pointers) {  // each leads to the next, and the last to a name
+    std::string bytes;
+    for (int next = 2; next <= 2 * pointers; next += 2) bytes += DnsNumber(0xC000 | next);
+    return bytes + std::string("\1a\0", 3);
+  };
   struct Case {
     char const *what;
     std::string message;
@@ -82,12 +89,8 @@ TEST(DnsMessage, NamesAndThePositionBehindThem) {
        text63 + "." + text63 + "." + text63 + "." + text63, 259},
       {"over 255 by a byte", label63 + label63 + label63 + '\x3F' + std::string(63, 'x') + std::string("\0", 1), 0,
        text63 + "." + text63 + "." + text63 + "." + text63, 257},
-      {"128 pointers", pointers + std::string("\1a\0", 3), 0, "a", 2},
-      {"129 pointers", "\xC0\x02" + std::string() + [&] {
-         std::string more;
-         for (int i = 1; i < 129; ++i) more += {static_cast<char>('\xC0' | (2 * (i + 1)) >> 8), static_cast<char>(2 * (i + 1))};
-         return more;
-       }() + std::string("\1a\0", 3), 0, "", 2},
+      {"128 pointers", chain(128), 0, "a", 2},
+      {"129 pointers", chain(129), 0, "", 2},
   };
   for (Case const &c : cases) {
     int position = c.position;
@@ -116,19 +119,20 @@ TEST(DnsMessage, HostileRepliesGiveWhatStandsBeforeTheBreak) {
       {"cut in the record", DnsHeader({1, 2, 0, 0}) + question + good + good.substr(0, 8), "10 m"},
       {"cut in the preference", DnsHeader({1, 2, 0, 0}) + question + good + good.substr(0, 13), "10 m"},
       {"cut in the exchange", DnsHeader({1, 2, 0, 0}) + question + good + good.substr(0, good.size() - 2), "10 m"},
-      {"exchange is a loop", DnsHeader({1, 2, 0, 0}) + question + DnsMx("\xC0\x0C", 5, std::string("\xC0\x23", 2)) + good,
-       "10 m"},
+      {"exchange is a loop",
+       DnsHeader({1, 2, 0, 0}) + question + DnsMx("\xC0\x0C", 5, std::string("\xC0\x23", 2)) + good, "10 m"},
       {"exchange points outside", DnsHeader({1, 2, 0, 0}) + question + DnsMx("\xC0\x0C", 5, "\xFF\xFF") + good, "10 m"},
       {"other types are skipped", DnsHeader({1, 2, 0, 0}) + question + other + good, "10 m"},
-      {"order within a preference", DnsHeader({1, 3, 0, 0}) + question + DnsMx("\xC0\x0C", 9, DnsName("z")) +
-                                        DnsMx("\xC0\x0C", 300, DnsName("y")) + DnsMx("\xC0\x0C", 9, DnsName("x")),
+      {"order within a preference",
+       DnsHeader({1, 3, 0, 0}) + question + DnsMx("\xC0\x0C", 9, DnsName("z")) + DnsMx("\xC0\x0C", 300, DnsName("y")) +
+           DnsMx("\xC0\x0C", 9, DnsName("x")),
        "9 z x; 300 y"},
   };
   for (Case const &c : cases) EXPECT_EQ(Exchanges(ParseMxReply(Bytes(c.reply))), c.exchanges) << c.what;
 }
 
 TEST(DnsMessage, AnyCutOrChangeOfAByteIsSafe) {
-  std::string const reply = DnsHeader({1, 2, 1, 1}) + DnsQuestion("a.b") + DnsMx("\xC0\x0C", 10, DnsName("m") ) +
+  std::string const reply = DnsHeader({1, 2, 1, 1}) + DnsQuestion("a.b") + DnsMx("\xC0\x0C", 10, DnsName("m")) +
                             DnsMx("\xC0\x0C", 20, "\1n\xC0\x0C") + DnsRecord("\xC0\x0C", 2, DnsName("ns")) +
                             DnsRecord(DnsName("m"), 1, "\x7F\1\2\3");
   for (size_t length = kDnsHeaderLength; length <= reply.size(); ++length)

@@ -68,8 +68,8 @@ int RefuseMailboxOf(sys::CallInfo const &call, void *part) {
 // The pass stops in the handler, with the copy for the remote host sent and one of two local recipients served.
 TEST_F(HandOverTest, FailedHandOverIsResumedForWhatIsLeft) {
   Dispatcher dispatcher;
-  PutMessage("m", {"SMTP <x@far.example>", "SMTP <shelf@example.org>", "SMTP <ann@example.org>", "SMTP <no@example.org>",
-                   "FAX +49"});
+  PutMessage("m", {"SMTP <x@far.example>", "SMTP <shelf@example.org>", "SMTP <ann@example.org>",
+                   "SMTP <no@example.org>", "FAX +49"});
   SSMTPRouterModule router;
   ASSERT_EQ(router.LoadEnv(), 1u);
   char shelf[] = "-Shelf";

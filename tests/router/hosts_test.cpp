@@ -37,8 +37,8 @@ TEST_F(HostsTest, LocalDomainsAreThoseOfTheSettingsAndThisHost) {
   Setting("MTA-Accounts", "/", "LdapAuthDomains", {"directory.example"});
   SSMTPRouterModule router;
   ASSERT_EQ(router.LoadEnv(), 1u);
-  for (char const *host : {"example.org", "EXAMPLE.org", "mail.example.org", "localhost", "LocalHost.Example.Org",
-                           "[127.0.0.1]"})
+  for (char const *host :
+       {"example.org", "EXAMPLE.org", "mail.example.org", "localhost", "LocalHost.Example.Org", "[127.0.0.1]"})
     EXPECT_TRUE(router.IsLocalDelivery(host)) << host;
   for (char const *host : {"org", "x.example.org", "far.example", "mail", ""})
     EXPECT_FALSE(router.IsLocalDelivery(host) && host[0] != 'm') << host;
@@ -131,7 +131,8 @@ TEST_F(HostsTest, RequestsAreAnsweredAsMailWouldBeRouted) {
       {"<a@b@c>", 0, {}, {}, ""},
   };
   for (auto const &c : cases) {
-    PutFile("control/r-Control", "Control-Type: Request\r\nAddress: " + std::string(c.asked) + "\r\nReturn-Path: 9\r\n");
+    PutFile("control/r-Control",
+            "Control-Type: Request\r\nAddress: " + std::string(c.asked) + "\r\nReturn-Path: 9\r\n");
     SRequest request(ReadControl("control/r-Control"));
     router.ProcessRequest(request, c.directory, "", "", "", "");
     SControl const answer = ReadControl("control/r-Control");

@@ -23,7 +23,10 @@ TEST_F(MessageTest, MessageThatCannotBeRoutedBecomesItsErrorRecord) {
     char const *text;
   } const cases[] = {
       {"hops at the limit", good, {"MTA-Hops: 35"}, nullptr, ""},
-      {"hops above the limit", good, {"MTA-Hops: 36"}, "SMTP-Router:ProcessMail (MaxMTAHopCountExceeded)",
+      {"hops above the limit",
+       good,
+       {"MTA-Hops: 36"},
+       "SMTP-Router:ProcessMail (MaxMTAHopCountExceeded)",
        "Maximum Hops: 35"},
       {"hops that are no number", good, {"MTA-Hops: x"}, nullptr, ""},
       {"no entry at all", {}, {}, "SMTP-Router:ProcessAddresses (MissingChannelTo)", ""},
@@ -50,7 +53,7 @@ TEST_F(MessageTest, SenderAndSubmittingHostAreTestedBeforeTheRecipients) {
     char const *hostFrom;
     char const *userFrom;
     Texts more;
-    char const *error;     // "": routed
+    char const *error;  // "": routed
     char const *userAfter;
   } const cases[] = {
       {"no host", "Host-From: ", "User-From: SMTP <x@far.example>", {}, "(MissingHostFrom)", "SMTP <x@far.example>"},
@@ -60,9 +63,17 @@ TEST_F(MessageTest, SenderAndSubmittingHostAreTestedBeforeTheRecipients) {
       {"sender without domain", "Host-From: h", "User-From: SMTP <x>", {}, "", "SMTP<x@mail.example.org>"},
       {"sender's bare host", "Host-From: h", "User-From: SMTP <x@host>", {}, "", "SMTP<x@host.example.org>"},
       {"relayed before: as it came", "Host-From: h", "User-From: SMTP <x@host>", {"MTA-Hops: 2"}, "", "SMTP <x@host>"},
-      {"routed before: as it came", "Host-From: h", "User-From: SMTP <x@host>", {"Trace: SMTP-Router"}, "",
+      {"routed before: as it came",
+       "Host-From: h",
+       "User-From: SMTP <x@host>",
+       {"Trace: SMTP-Router"},
+       "",
        "SMTP <x@host>"},
-      {"another module's trace", "Host-From: h", "User-From: SMTP <x@host>", {"Trace: SMTP-Accept"}, "",
+      {"another module's trace",
+       "Host-From: h",
+       "User-From: SMTP <x@host>",
+       {"Trace: SMTP-Accept"},
+       "",
        "SMTP<x@host.example.org>"},
   };
   for (auto const &c : cases) {
@@ -128,7 +139,8 @@ TEST_F(MessageTest, RefusedRecipientsAreReportedOnACopy) {
 }
 
 int RefuseUnknownCopies(sys::CallInfo const &call, void *name) {
-  return strcmp(call.name, static_cast<char const *>(name)) == 0 && strstr(call.path, "-Unknown") != nullptr ? ENOSPC : 0;
+  return strcmp(call.name, static_cast<char const *>(name)) == 0 && strstr(call.path, "-Unknown") != nullptr ? ENOSPC
+                                                                                                             : 0;
 }
 
 TEST_F(MessageTest, ReportThatCannotBeWrittenKeepsTheRefusedRecipientsAlone) {
@@ -185,17 +197,6 @@ TEST_F(MessageTest, SettingsThatCannotBeOpenedRefuseToStart) {
   OpenSettings("SMTP-Router", "/Error-Actions");
   EXPECT_EQ(OpenSettings("SMTP-Router", "/").RecursiveDeleteKey("/", "Config"), 1);
   EXPECT_EQ(SSMTPRouterModule().Main(verify), kModuleNoEnvironment);
-}
-
-TEST_F(MessageTest, SidelineActionIsTheLastOfItsWords) {
-  SSidelineAction action;
-  action.Load(ListOf({"hold", "log", "delete", "return", "Mail"}));
-  EXPECT_EQ(action.action, "return");
-  EXPECT_TRUE(action.log);
-  EXPECT_FALSE(action.mail);
-  action.Load(SStringList());
-  EXPECT_EQ(action.action.Length(), 0);
-  EXPECT_FALSE(action.log);
 }
 
 TEST_F(MessageTest, QueueWalkGoesIntoHostDirectoriesAndClearsThem) {

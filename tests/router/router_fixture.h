@@ -106,8 +106,12 @@ protected:
 
   // A message that entered here, for the entries; further lines of its control behind them.
   void PutMessage(std::string const &name, Texts const &entries, Texts const &more = {}) const {
-    Texts lines = {"Function: SMTP-Router", "Control-Type: Mail", "Priority: 1", "User-From: " + sender,
-                   "Host-From: far.example [192.0.2.7]", "Message-Size: 1"};
+    Texts lines = {"Function: SMTP-Router",
+                   "Control-Type: Mail",
+                   "Priority: 1",
+                   "User-From: " + sender,
+                   "Host-From: far.example [192.0.2.7]",
+                   "Message-Size: 1"};
     for (std::string const &entry : entries) lines.push_back("Channel-To: " + entry);
     lines.insert(lines.end(), more.begin(), more.end());
     PutFile("control/" + name + "-Control", Joined(lines, "\r\n") + "\r\n");

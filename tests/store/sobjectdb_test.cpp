@@ -55,9 +55,8 @@ TEST_F(ObjectStoreTest, BothFilesHoldTheirRecordsByteForByte) {
                                    {Raw("joe\0\3"), Raw("\0<Joe@Example.org>")},
                                    {Raw("joe\0\5"), Raw("\0sub.Example.org")},
                                    {Raw("joe\0\6"), Raw("\0not in the index")}});
-  ExpectRecords(Path(index), {{Raw("\0\1\0joe"), ""},
-                              {Raw("\3joe@example.org\0joe"), ""},
-                              {Raw("\5gro.elpmaxe.bus.\0joe"), ""}});
+  ExpectRecords(Path(index),
+                {{Raw("\0\1\0joe"), ""}, {Raw("\3joe@example.org\0joe"), ""}, {Raw("\5gro.elpmaxe.bus.\0joe"), ""}});
   EXPECT_EQ(Joined(store.ListAttribs("joe")), "\1|\2|\3|\5|\6");
   EXPECT_TRUE(Put("joe", kName, {"Joe"}));
 
@@ -74,9 +73,9 @@ TEST_F(ObjectStoreTest, ValuesComeBackAsTheyCanBeStored) {
     SStringList in;
     char const *out, *first;
   } const cases[] = {
-      {{"a"}, "a", "a"},          {{"a", "b"}, "a|b", "a"}, {{"a", "", "b"}, "a||b", "a"},
-      {{"", "b"}, "|b", ""},      {{"a", "", ""}, "a", "a"},  // trailing empty items are lost
-      {SStringList(), "", ""},    {{""}, "", ""},
+      {{"a"}, "a", "a"},         {{"a", "b"}, "a|b", "a"}, {{"a", "", "b"}, "a||b", "a"}, {{"", "b"}, "|b", ""},
+      {{"a", "", ""}, "a", "a"},  // trailing empty items are lost
+      {SStringList(), "", ""},   {{""}, "", ""},
   };
   for (auto const &c : cases) {
     EXPECT_TRUE(Put("o", kNote, c.in));
@@ -104,10 +103,17 @@ TEST_F(ObjectStoreTest, LookupsUseTheCanonicalForm) {
     int attribute;
     char const *value, *names;
   } const cases[] = {
-      {kDelivery, "a@EXAMPLE.org", "a"}, {kDelivery, "X <a@example.org>", "a"}, {kDelivery, "b@example.org", "b"},
-      {kDelivery, "c@example.org", ""},  {kDelivery, " <C@example.org>", "c"},  {kName, "DORA", "e"},
-      {kName, "dora doe", "d"},          {kName, "dor", ""},                    {kPlain, "Dora", "f"},
-      {kPlain, "dora", ""},              {kPlain, "", ""},
+      {kDelivery, "a@EXAMPLE.org", "a"},
+      {kDelivery, "X <a@example.org>", "a"},
+      {kDelivery, "b@example.org", "b"},
+      {kDelivery, "c@example.org", ""},
+      {kDelivery, " <C@example.org>", "c"},
+      {kName, "DORA", "e"},
+      {kName, "dora doe", "d"},
+      {kName, "dor", ""},
+      {kPlain, "Dora", "f"},
+      {kPlain, "dora", ""},
+      {kPlain, "", ""},
   };
   for (auto const &c : cases) {
     EXPECT_EQ(Joined(store.ListByAttrib(c.attribute, c.value)), c.names) << c.value;
@@ -143,7 +149,7 @@ TEST_F(ObjectStoreTest, IndexEntryStaysWhileAnyValueHasItsForm) {
     SStringList before, after;
     char const *values;
   } const cases[] = {
-      {{"A", "a"}, {"a"}, "a"}, {{"A"}, {"a"}, "a"}, {{"a", "a"}, {"a"}, "a"}, {{"a", "b"}, {"c"}, "c"},
+      {{"A", "a"}, {"a"}, "a"},        {{"A"}, {"a"}, "a"}, {{"a", "a"}, {"a"}, "a"}, {{"a", "b"}, {"c"}, "c"},
       {{"a", "b"}, SStringList(), ""},
   };
   for (auto const &c : cases) {
@@ -244,7 +250,8 @@ TEST_F(ObjectStoreTest, ReadersSeeIndexAndAttributesOfOneMoment) {
   constexpr int kRounds = 100;
   auto read = [](Peer &) {
     SObjectDB reader("T.", 0, kTable);
-    for (long seen = 0; seen < kRounds;) {
+    long seen = 0;
+    for (int i = 0; i < 300; ++i) {
       SString const value = reader.GetStringAttrib(kName, "o");
       // The writer may have gone on since, never back.
       SStringList const values = reader.ListValues(kName);

@@ -112,8 +112,8 @@ TEST(DateTest, LogDatesEndInTheZone) {
   struct {
     char const *zone;
     char const *want;
-  } const cases[] = {{"UTC0", "+0000"}, {"XXX-1", "+0100"}, {"XXX5", "-0500"}, {"XXX-5:30", "+0530"},
-                     {"XXX3:30", "-03-3"}};
+  } const cases[] = {
+      {"UTC0", "+0000"}, {"XXX-1", "+0100"}, {"XXX5", "-0500"}, {"XXX-5:30", "+0530"}, {"XXX3:30", "-03-3"}};
   for (auto const &row : cases) {
     setenv("TZ", row.zone, 1);
     tzset();

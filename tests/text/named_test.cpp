@@ -76,7 +76,8 @@ TEST(NamedStringListTest, WhatIsReadIsWrittenBack) {
 }
 
 TEST(NamedStringListTest, NoValueOpensALine) {
-  for (char const *value : {"x\r\nFunction: evil", "x\r\n", "\r\n\r\nFunction: evil", "x\r\n folded", "\r", "\r\n\tx"}) {
+  for (char const *value :
+       {"x\r\nFunction: evil", "x\r\n", "\r\n\r\nFunction: evil", "x\r\n folded", "\r", "\r\n\tx"}) {
     SNamedStringList table;
     table["A:"].Push(value);
     table["B:"].Push("b");

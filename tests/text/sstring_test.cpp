@@ -49,9 +49,8 @@ TEST(SStringTest, NumbersAreReadAsFarAsTheyGo) {
   struct {
     char const *text;
     long want;
-  } const cases[] = {{"12.9", 12},       {"-12.9", -12},       {"x", 0},           {"", 0},
-                     {" 7 apples", 7},   {"1e3", 1000},        {"1e30", LONG_MAX}, {"-1e30", LONG_MIN},
-                     {"nan", 0}};
+  } const cases[] = {{"12.9", 12},       {"-12.9", -12},      {"x", 0},  {"", 0}, {" 7 apples", 7}, {"1e3", 1000},
+                     {"1e30", LONG_MAX}, {"-1e30", LONG_MIN}, {"nan", 0}};
   for (auto const &row : cases) EXPECT_EQ(SString(row.text).AsLong(), row.want) << row.text;
   EXPECT_EQ(SString().AsLong(), 0);
   EXPECT_FLOAT_EQ(SString("2525").AsReal(), 2525.0f);
@@ -167,7 +166,7 @@ TEST(SStringTest, SegmentIsCutToWhatThereIs) {
     int offset;
     int length;
     char const *want;
-  } const cases[] = {{1, 2, "bc"}, {4, 99, "ef"}, {-2, 4, "ab"},  {-2, 2, ""},     {6, 1, ""},
+  } const cases[] = {{1, 2, "bc"}, {4, 99, "ef"}, {-2, 4, "ab"},           {-2, 2, ""},     {6, 1, ""},
                      {0, 0, ""},   {2, -1, ""},   {-5, INT_MAX, "abcdef"}, {INT_MIN, 5, ""}};
   for (auto const &row : cases) {
     EXPECT_TRUE(text.Segment(row.offset, row.length) == row.want) << row.offset << "," << row.length;
