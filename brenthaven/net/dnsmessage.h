@@ -16,12 +16,12 @@ inline constexpr int kDnsHeaderLength = 12;
 enum DnsReplyCode { kDnsNoError = 0, kDnsNameError = 3 };
 
 // A name as length bytes and labels. Nothing is checked: with IsSendableName it is known to be sound.
-SString _EncodeName(SString const &name);  // NOLINT(bugprone-reserved-identifier): a name callers know
+SString _EncodeName(SString const &name);
 
 // The name at a position of a message, labels joined by dots, and the position behind it. At most 30 labels and 255
 // characters, whatever is said there; a label that would lead out of the message ends the name, and the position is
 // then the message's end. Compression pointers are followed at most 128 times.
-SString _DecodeName(SString const &message, int *position);  // NOLINT(bugprone-reserved-identifier)
+SString _DecodeName(SString const &message, int *position);
 
 // Whether all labels hold 1 to 63 bytes, and the encoded name at most 255.
 bool IsSendableName(SString const &name);

@@ -48,7 +48,7 @@ int SPickleFile::GetInt() {
 SString SPickleFile::GetString() {
   int const told = GetInt();
   int const length = std::clamp(told, 0, _Left());
-  SString const text = SString(_data.View().substr(_position, length));
+  SString text = SString(_data.View().substr(_position, length));
   _position += length;
   return text;
 }

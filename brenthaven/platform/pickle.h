@@ -6,6 +6,7 @@
 //
 // There is no header and no type tag: reader and writer agree on the order.
 #pragma once
+#include "brenthaven/platform/files.h"
 #include "brenthaven/text/sstring.h"
 #include "brenthaven/text/sstringlist.h"
 
@@ -48,7 +49,7 @@ private:
 
   SString _path;
   SString _data;
-  void *_lock = reinterpret_cast<void *>(-1);  // handle of the lock file, -1 when not held
+  void *_lock = HandleOf(-1);  // handle of the lock file, -1 when not held
   int _position = 0;
   bool _was_read = false;  // under the lock that is held
 };

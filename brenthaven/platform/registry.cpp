@@ -1,7 +1,6 @@
 #include "brenthaven/platform/registry.h"
 
 #include <sqlite3.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "brenthaven/platform/barrier.h"
+#include "brenthaven/platform/forks.h"
 #include "brenthaven/platform/sys.h"
 
 // How a read goes: the file is looked at (is it the one we have open?) and its change counter is read, two short system
@@ -135,8 +135,8 @@ private:
   int _descriptor = -1;  // for the change counter; closed after the connection, since closing it drops SQLite's locks
   dev_t _device = 0;
   ino_t _inode = 0;
-  pid_t _owner = 0;
-  bool _isNew = false;  // made by RegOpenStoreA and not yet flushed
+  unsigned long _forks = 0;  // of the process that made the connection
+  bool _isNew = false;       // made by RegOpenStoreA and not yet flushed
   std::uint32_t _counter = 0;
   std::unordered_map<std::string, SectionRef> _sections;
 };
@@ -167,7 +167,7 @@ void Store::PointAt(std::string path) {
 // Ends the connection; a file built by us is flushed first, since its writes were not.
 LONG Store::Finish() {
   LONG status = ERROR_SUCCESS;
-  if (_isNew && _owner == getpid() && _descriptor >= 0 && GetSyncMode() != SyncMode::kNo &&
+  if (_isNew && _forks == ForkCount() && _descriptor >= 0 && GetSyncMode() != SyncMode::kNo &&
       sys::Fsync(_descriptor) != 0)
     status = ERROR_CANTWRITE;
   _isNew = false;
@@ -194,7 +194,7 @@ void Store::_ForgetInherited() {
 }
 
 void Store::_Disconnect() {
-  if (_connection != nullptr && _owner != getpid()) return _ForgetInherited();
+  if (_connection != nullptr && _forks != ForkCount()) return _ForgetInherited();
   for (sqlite3_stmt *&statement : _statements) {
     sqlite3_finalize(statement);
     statement = nullptr;
@@ -207,7 +207,7 @@ void Store::_Disconnect() {
 }
 
 bool Store::_Connect() {
-  _owner = getpid();
+  _forks = ForkCount();
   _descriptor = sys::Open(_path.c_str(), O_RDONLY);
   struct stat info;
   if (_descriptor < 0 || sys::Fstat(_descriptor, &info) != 0) return false;
@@ -226,7 +226,7 @@ bool Store::_Connect() {
 
 // Makes the connection fit the file that now stands under the path, and drops what is kept when the file has changed.
 Store::State Store::_Look() {
-  if (_connection != nullptr && _owner != getpid()) _ForgetInherited();
+  if (_connection != nullptr && _forks != ForkCount()) _ForgetInherited();
   struct stat info;
   if (sys::Stat(_path.c_str(), &info) != 0) {
     int const error = errno;

@@ -1,6 +1,6 @@
 #include "brenthaven/store/sbtree.h"
 
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -124,7 +124,6 @@ unsigned SBTree::Open() {
 int SBTree::_OpenLocked(char const *path, int flags) {
   struct stat ours, other;
   _writable = (flags & O_ACCMODE) == O_RDWR;
-  _owner = getpid();
   _descriptor = OpenDescriptor(path, flags);
   if (_descriptor < 0) return errno;
   // A reader waits here for a writer who has the file open, also one who has only just made it.
@@ -203,7 +202,7 @@ void SBTree::_Drop() {
   if (_handle != nullptr) sys::Close(_handle->fd(_handle));
   if (_descriptor >= 0) {
     // Not left to the close: a child process that was forked meanwhile may hold the descriptor and the lock with it.
-    if (_owner == getpid()) (void)sys::Lock(_descriptor, F_UNLCK, 0, 1, true);
+    if (_forks == ForkCount()) (void)sys::Lock(_descriptor, F_UNLCK, 0, 1, true);
     sys::Close(_descriptor);
   }
   _handle = nullptr;
@@ -213,9 +212,9 @@ void SBTree::_Drop() {
 
 // After a fork the descriptors share offset and locks with the parent, and the engine's dirty pages are the parent's.
 void SBTree::_DropInherited() {
-  if (_owner == 0 || _owner == getpid()) return;
+  if (_forks == ForkCount()) return;
   _Drop();
-  _owner = 0;
+  _forks = ForkCount();
   _depth = 0;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "brenthaven/platform/forks.h"
 #include "brenthaven/text/sstring.h"
 
 struct SBTreeEngine;  // the handle of the B-tree engine
@@ -113,11 +114,11 @@ private:
   int _openFlags = 0;
   SString _file;
   int _status = 0;
-  int _moveStatus = 0;     // the same for the last Seq call
-  int _descriptor = -1;    // ours, for the locks; open when the handle is
-  pid_t _owner = 0;        // process that opened the file
-  size_t _longestKey = 0;  // of the open file
-  Stamp _stamp;            // of the file when it was opened
+  int _moveStatus = 0;                 // the same for the last Seq call
+  int _descriptor = -1;                // ours, for the locks; open when the handle is
+  unsigned long _forks = ForkCount();  // of the process that opened the file
+  size_t _longestKey = 0;              // of the open file
+  Stamp _stamp;                        // of the file when it was opened
   bool _writable = false;
   bool _holdsLock = false;  // from the open to the close
   bool _changed = false;    // there may be dirty pages

@@ -106,7 +106,7 @@ TEST_F(DeleteAllTest, SymbolicLinksAreRemovedAndNotFollowed) {
 
 TEST_F(DeleteAllTest, DepthCostsNoDescriptors) {
   std::string path = "box";
-  while (Path(path).size() < 3000) path += "/d";
+  while (Path(path).size() < 800) path += "/d";
   ASSERT_EQ(MakeDir(Path(path).c_str(), 0), 1);
   struct rlimit const few = {64, 64};
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
