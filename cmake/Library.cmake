@@ -10,7 +10,7 @@ endforeach()
 
 # The shared library takes shared dependencies: the packaged archives are not made for a shared object.
 add_library(brenthaven_shared SHARED ${objects})
-target_link_libraries(brenthaven_shared PRIVATE tre sqlite3 md cryptopp ${DB1_LIBRARY})
+target_link_libraries(brenthaven_shared PRIVATE sqlite3 md cryptopp ${DB1_LIBRARY})
 set_target_properties(brenthaven_shared PROPERTIES OUTPUT_NAME brenthaven VERSION ${PROJECT_VERSION} SOVERSION 0
                                                    EXPORT_NAME brenthaven)
 add_library(brenthaven_static STATIC ${objects})

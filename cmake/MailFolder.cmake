@@ -25,7 +25,7 @@ macro(DEVELOPMENT_FILTER variable)
   endif()
 endmacro()
 
-# mail_folder(text SOURCES sstring.cpp ... [NEEDS platform ...] [LIBRARIES ${TRE_LIBRARY} ...])
+# mail_folder(text SOURCES sstring.cpp ... [NEEDS platform ...] [LIBRARIES ${MD_LIBRARY} ...])
 # One subsystem of the library: an object target that the whole library takes in, and a static archive with the
 # folders that it needs, so that a test links its own subsystem and what lies below it, no more.
 set_property(GLOBAL PROPERTY MAIL_FOLDERS "")

@@ -189,7 +189,8 @@ void FindAccounts(Command &command, AccountOptions const &options) {
   SStringList const uids = SAccountDB().IndexLookup(SString(options.attribute), SString(options.values[0]));
   if (SAccountBase::ReadFailed()) return Fail(command, EX_IOERR, "the account files cannot be read");
   PrintUIDs(uids, options.json);
-  if (uids.Length() == 0) command.code = EX_NOUSER;
+  if (uids.Length() == 0)
+    Fail(command, EX_NOUSER, "no account has " + options.values[0] + " as its " + options.attribute);
 }
 
 // Runs one change on an account that must exist.

@@ -24,6 +24,9 @@ int main(int argc, char **argv) {
   CLI::App app("Administers one mail-server instance.", "brenthaven");
   app.require_subcommand(1);
   app.option_defaults()->always_capture_default(false);
+  app.failure_message([](CLI::App const *, CLI::Error const &error) {
+    return "brenthaven: " + std::string(error.what()) + "; see brenthaven --help\n";
+  });
   if (char const *const root = getenv("Brenthaven")) command.root = root;
   app.add_option("--root", command.root, "directory of the instance (default: the environment's Brenthaven)");
   AddInit(app, command);

@@ -63,17 +63,21 @@ private:
   SAcceptResult _ReadMessage(bool &complete);
   void _Forget() { _acceptance.reset(), _recipients = 0; }
   void _Refuse(SAcceptResult result);
-  void _Answer(std::string const &text);
+  void _Answer(std::string const &text) {
+    _errors = 0;
+    _Send(text);
+  }
   void _Error(std::string const &text) {
     ++_errors;
-    _Answer(text);
+    _Send(text);
   }
+  void _Send(std::string const &text);
 
   std::unique_ptr<InputReader> _in;
   int _output;
   std::unique_ptr<LocalAcceptance> _acceptance;  // from MAIL to the end of DATA
   int _recipients = 0;
-  int _errors = 0;
+  int _errors = 0;  // in a row
   bool _over = false;
 };
 
@@ -88,7 +92,7 @@ int SmtpSession::Run() {
       _Error("500 5.5.2 line too long");
     }
     if (_errors >= kMostErrors) {
-      _Answer("421 4.7.0 too many errors");
+      _Send("421 4.7.0 too many errors");
       return EX_PROTOCOL;
     }
   }
@@ -209,7 +213,7 @@ void SmtpSession::_Refuse(SAcceptResult result) {
   }
 }
 
-void SmtpSession::_Answer(std::string const &text) {
+void SmtpSession::_Send(std::string const &text) {
   std::string const line = text + "\r\n";
   for (size_t done = 0; done < line.size();) {
     ssize_t const written = write(_output, line.data() + done, line.size() - done);

@@ -58,13 +58,19 @@ public:
     std::erase_if(_fields, [name](std::string const &field) { return HasName(field, name); });
   }
   void Add(std::string const &field) { _fields.push_back(field + "\r\n"); }
-  // The addresses of all fields of that name, in brackets.
-  void AddressesOf(std::string_view name, std::vector<std::string> &addresses) const {
-    for (std::string const &field : _fields)
-      if (HasName(field, name))
-        for (SString const &address :
-             S822Parser(SString(Chomped(std::string_view(field).substr(name.size())))).Addresses())
-          addresses.push_back(ToStd(address));
+  // Adds the addresses of all fields of that name, in brackets. False at one that is none.
+  bool AddressesOf(std::string_view name, std::vector<std::string> &addresses) const {
+    for (std::string const &field : _fields) {
+      if (!HasName(field, name)) continue;
+      std::string value = field.substr(name.size());
+      std::erase_if(value, [](char c) { return c == '\r' || c == '\n'; });  // unfolded: a fold's blank stays
+      S822Parser list((SString(value)));
+      S822Address address = list.NextAddress();
+      for (; address.Address().Length() > 0; address = list.NextAddress())
+        addresses.push_back(ToStd(address.S821Address::Address()));
+      if (address.IsBad()) return false;
+    }
+    return true;
   }
   std::string Text() const {
     std::string text;
@@ -154,13 +160,15 @@ void CompleteHeader(Header &header, Submission const &submission, LocalAcceptanc
   if (!header.Has("Message-ID:")) header.Add("Message-ID: <" + ToStd(acceptance->GetName()) + ">");
 }
 
-void TakeRecipients(Header &header, std::vector<std::string> &recipients) {
+// False at an address that is none: a message for the ones in front of it alone is not what the sender meant.
+bool TakeRecipients(Header &header, std::vector<std::string> &recipients) {
   bool const resent =
       header.Has("Resent-To:") || header.Has("Resent-Cc:") || header.Has("Resent-Bcc:");  // RFC 5322 3.6.6
   for (std::string_view const name : {"To:", "Cc:", "Bcc:"})
-    header.AddressesOf(resent ? "Resent-" + std::string(name) : name, recipients);
+    if (!header.AddressesOf(resent ? "Resent-" + std::string(name) : std::string(name), recipients)) return false;
   header.Drop("Bcc:");
   header.Drop("Resent-Bcc:");
+  return true;
 }
 
 SubmissionResult Refused(SAcceptResult result, std::string const &about) {
@@ -244,7 +252,8 @@ SubmissionResult SubmitFrom(int input, Submission const &submission) {
   auto const reading = std::make_unique<Reading>(input);
   if (!ReadHeader(*reading, submission)) return Refused(SAcceptResult::kHeaderTooLarge, "");
   std::vector<std::string> recipients = submission.recipients;
-  if (submission.readRecipients) TakeRecipients(reading->header, recipients);
+  if (submission.readRecipients && !TakeRecipients(reading->header, recipients))
+    return Refused(SAcceptResult::kBadAddress, "in To:, Cc: or Bcc:");
   for (std::string const &recipient : recipients) {
     result = acceptance->AddRecipient(SString(WithDomain(recipient)));
     if (result != SAcceptResult::kOk) return Refused(result, recipient);

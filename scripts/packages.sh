@@ -2,7 +2,7 @@
 # Installs the Debian packages that a step needs and that are not there: packages.sh build|test|check
 set -euo pipefail
 
-build=(g++ cmake ninja-build make pkg-config libdb1-compat libtre-dev libsqlite3-dev libcrypto++-dev libmd-dev
+build=(g++ cmake ninja-build make pkg-config libdb1-compat libsqlite3-dev libcrypto++-dev libmd-dev
        libcli11-dev nlohmann-json3-dev)
 test=(libgtest-dev libgmock-dev libbenchmark-dev)
 check=(clang-format clang-tidy)

@@ -1,8 +1,9 @@
+// FixBogusAddress.
+#include "brenthaven/address/parser822.h"
+
 #include <algorithm>
 #include <string_view>
 #include <vector>
-
-#include "brenthaven/address/parser822.h"
 
 namespace {
 
@@ -70,7 +71,7 @@ SString QuotedBeforeLastAt(std::string_view text) {
 }
 
 SString Mended(std::string_view text) {
-  SString const quoted = QuotedBeforeLastAt(text);
+  SString quoted = QuotedBeforeLastAt(text);
   if (quoted.Defined()) return quoted;
   std::vector<std::string_view> pieces = SplitAtSigns(text);
   if (pieces.size() > 2 && text.front() == '@') {  // a route: what leads there is dropped

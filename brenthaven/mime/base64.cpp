@@ -1,9 +1,11 @@
+// EncodeBase64 and DecodeBase64.
+#include "brenthaven/mime/smime.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
-
-#include "brenthaven/mime/smime.h"
+#include <string_view>
 
 namespace {
 

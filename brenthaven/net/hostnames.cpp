@@ -170,7 +170,7 @@ unsigned int PortableRBLCheck(SString host, SString zone) {
 SString GetLocalHostName(SString const &domain) {
   char buffer[kHostNameLength + 1] = {};
   if (gethostname(buffer, kHostNameLength) != 0) return SString();
-  SString const name = buffer;
+  SString name = buffer;
   if (domain.Length() == 0) return name;
   int const start = name.Length() - domain.Length() - 1;
   bool const has_domain =

@@ -10,6 +10,7 @@
 #include "brenthaven/text/sstringlist.h"
 
 // An open file as a handle: the descriptor in a pointer's clothes. -1 is the invalid handle, null is descriptor 0.
+// NOLINTNEXTLINE(performance-no-int-to-ptr): what was no pointer is never used as one
 inline void *HandleOf(int fd) { return reinterpret_cast<void *>(static_cast<intptr_t>(fd)); }
 inline int DescriptorOf(void *handle) { return static_cast<int>(reinterpret_cast<intptr_t>(handle)); }
 

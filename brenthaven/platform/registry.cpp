@@ -147,8 +147,8 @@ char const *const Store::kSql[kStatements] = {
     "SELECT path FROM section WHERE parent = ?1 ORDER BY path",
     "SELECT name FROM setting WHERE section = ?1 ORDER BY name",
     "INSERT OR IGNORE INTO section VALUES (?1, ?2)",
-    "INSERT INTO setting SELECT path, ?2, ?3, ?4 FROM section WHERE path = ?1"
-    " ON CONFLICT (section, name) DO UPDATE SET type = excluded.type, bytes = excluded.bytes",
+    ("INSERT INTO setting SELECT path, ?2, ?3, ?4 FROM section WHERE path = ?1"
+     " ON CONFLICT (section, name) DO UPDATE SET type = excluded.type, bytes = excluded.bytes"),
     "DELETE FROM setting WHERE section = ?1 AND name = ?2",
     "DELETE FROM setting WHERE section = ?1",
     "DELETE FROM section WHERE path = ?1",
@@ -500,7 +500,7 @@ LONG DeliverName(std::vector<std::string> const &names, DWORD index, char *name,
   if (index >= names.size()) return ERROR_NO_MORE_ITEMS;
   std::string const &text = names[index];
   if (*length <= text.size()) return ERROR_MORE_DATA;
-  std::memcpy(name, text.c_str(), text.size() + 1);
+  name[text.copy(name, text.size())] = '\0';
   *length = static_cast<DWORD>(text.size());
   return ERROR_SUCCESS;
 }

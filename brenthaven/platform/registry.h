@@ -27,6 +27,7 @@ struct FILETIME;
 
 // Always open; parent of every key of the process's store. It takes part in creating, opening, enumerating and deleting
 // keys, and holds no values.
+// NOLINTNEXTLINE(performance-no-int-to-ptr): a fixed mark that is never followed
 inline HKEY const HKEY_LOCAL_MACHINE = reinterpret_cast<HKEY>(static_cast<std::uintptr_t>(0x80000002));
 
 inline constexpr REGSAM KEY_READ = 0x20019;

@@ -93,9 +93,11 @@ public:
   void Read() {
     if (_text.empty()) return _Fail(kEmpty);
     _groups.emplace_back();
-    while (_out.error == kRegexOk && _at < _text.size()) _ReadOne();
+    while (_out.error == kRegexOk && _at < _text.size()) {
+      _ReadOne();
+      if (_size > SAutomaton::kMaxSteps) _Fail(kTooLarge);
+    }
     if (_out.error == kRegexOk && _groups.size() > 1) _Fail(kOpenGroup);
-    if (_out.error == kRegexOk && _size > SAutomaton::kMaxSteps) _Fail(kTooLarge);
     if (_out.error != kRegexOk) return;
     _out.isPlainBytes = _onlyBytes && _groups.back().branches.empty();
     if (!_groups.back().branches.empty()) {

@@ -26,13 +26,16 @@ size_t Find(std::string_view text, size_t start, std::string const &bytes) {
 class SRegexProgram::Simulation {
 public:
   Simulation(SAutomaton const &automaton, Memory &memory, std::string_view text)
-      : _automaton(automaton), _memory(memory), _text(text), _slotCount(2 * std::min(automaton.groups + 1, kMaxSlots)) {
+      : _automaton(automaton),
+        _memory(memory),
+        _text(text),
+        _slotCount(2 * static_cast<size_t>(std::min(automaton.groups + 1, kMaxSlots))) {
     size_t const size = automaton.states.size();
     memory.seen.resize(size);
     for (Ways *ways : {&memory.now, &memory.next}) {
       ways->count = 0;
       ways->states.resize(size);
-      ways->slots.resize(size * static_cast<size_t>(_slotCount));
+      ways->slots.resize(size * _slotCount);
     }
     ++memory.stamp;
   }
@@ -53,7 +56,7 @@ public:
   }
 
   void Report(match_info (&slots)[kMaxSlots]) const {
-    for (int group = 0; 2 * group < _slotCount; ++group)
+    for (size_t group = 0; 2 * group < _slotCount; ++group)
       if (_best[2 * group + 1] >= 0) slots[group] = {_best[2 * group], _best[2 * group + 1]};
   }
 
@@ -86,7 +89,7 @@ private:
     _memory.next.count = 0;
     ++_memory.stamp;
     for (int i = 0; i < now.count; ++i) {
-      int const *slots = &now.slots[static_cast<size_t>(i * _slotCount)];
+      int const *slots = &now.slots[static_cast<size_t>(i) * _slotCount];
       if (_hasMatch && slots[0] > _best[0]) break;  // it and those behind it began later than a match
       _Follow(_automaton.states[static_cast<size_t>(now.states[static_cast<size_t>(i)])], slots, _memory.next, at + 1);
     }
@@ -110,7 +113,7 @@ private:
       if (edge->conditions != 0 && !_Holds(edge->conditions, at)) continue;
       _memory.seen[target] = _memory.stamp;
       ways.states[static_cast<size_t>(ways.count)] = edge->target;
-      _Copy(slots, edge->marks, at, &ways.slots[static_cast<size_t>(ways.count * _slotCount)]);
+      _Copy(slots, edge->marks, at, &ways.slots[static_cast<size_t>(ways.count) * _slotCount]);
       ++ways.count;
     }
   }
@@ -145,7 +148,7 @@ private:
   SAutomaton const &_automaton;
   Memory &_memory;
   std::string_view _text;
-  int _slotCount;
+  size_t _slotCount;
   int _best[2 * kMaxSlots];
   bool _hasMatch = false;
   unsigned long _edgesSeen = 0;

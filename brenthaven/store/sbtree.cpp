@@ -1,6 +1,8 @@
 #include "brenthaven/store/sbtree.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -70,6 +72,17 @@ std::uint32_t PageSizeOf(int descriptor) {
 // The engine moves a longer key out of the page and then looks for its place by the reference it left behind, so that
 // the key is never found again.
 size_t LongestKey(std::uint32_t pageSize) { return pageSize / 2 - 32; }
+
+// The engine closes only by writing its dirty pages, so its descriptor is turned to a file in memory that ends with it.
+void CloseUnwritten(SBTreeEngine *engine) {
+  int const descriptor = engine->fd(engine);
+  int const nowhere = memfd_create("brenthaven", MFD_CLOEXEC);
+  if (nowhere >= 0 && dup3(nowhere, descriptor, O_CLOEXEC) >= 0)
+    (void)engine->close(engine);  // what comes of it is thrown away
+  else
+    sys::Close(descriptor);  // no descriptors left: the engine's memory stays behind
+  if (nowhere >= 0) sys::Close(nowhere);
+}
 
 }  // namespace
 
@@ -196,10 +209,10 @@ void SBTree::_Release() {
   _Drop();
 }
 
-// Lets go of everything as it is. The engine has no way to close without writing, so its memory stays behind: this is
-// for damaged files, for failed writes, and for what belongs to the parent of this process.
+// Lets go of everything as it is, with nothing written: for damaged files, for failed writes, and for what belongs to
+// the parent of this process.
 void SBTree::_Drop() {
-  if (_handle != nullptr) sys::Close(_handle->fd(_handle));
+  if (_handle != nullptr) CloseUnwritten(_handle);
   if (_descriptor >= 0) {
     // Not left to the close: a child process that was forked meanwhile may hold the descriptor and the lock with it.
     if (_forks == ForkCount()) (void)sys::Lock(_descriptor, F_UNLCK, 0, 1, true);
@@ -289,6 +302,7 @@ SString SBTree::SeqLastJJ(SString &key) { return _Seq(key, kMoveLast); }
 SString SBTree::SeqPrevJJ(SString &key) { return _Seq(key, kMovePrevious); }
 
 void *SBTree::GetFd() {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): file handles travel as pointers and are never followed
   return reinterpret_cast<void *>(static_cast<std::intptr_t>(_handle != nullptr ? _handle->fd(_handle) : -1));
 }
 

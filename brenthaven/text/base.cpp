@@ -13,6 +13,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "brenthaven/platform/descriptor.h"
 #include "brenthaven/platform/nativepath.h"
@@ -164,9 +165,9 @@ SString BaseName(SString const &path) {
 }
 
 SString BaseName(SString const &path, SString const &suffix) {
-  SString const name = BaseName(path);
+  SString name = BaseName(path);
   if (!name.View().ends_with(suffix.View())) return name;
-  return name.Segment(0, name.Length() - suffix.Length());
+  return std::as_const(name).Segment(0, name.Length() - suffix.Length());
 }
 
 SString BaseName(char const *path, SString const &suffix) { return BaseName(SString(path), suffix); }

@@ -20,7 +20,7 @@ using Compare = int (*)(SString const &, SString const &);
 // depth of the recursion by the logarithm of the count.
 void SortRange(std::vector<SString *> &items, int first, int last, Compare compare) {
   while (last - first > 1) {
-    SString const pivot = *items[static_cast<size_t>(first + RandomInt(last - first))];
+    SString const pivot = *items[static_cast<size_t>(first) + static_cast<size_t>(RandomInt(last - first))];
     int below = first;
     int at = first;
     int above = last;
@@ -272,7 +272,7 @@ int SStringList::Push(SStringList const &list) {
     *this = list;
     return Length();
   }
-  SStringList const kept = list;  // it may be this list
+  SStringList const kept = list;  // NOLINT(performance-unnecessary-copy-initialization): it may be this list
   for (SString const &text : kept) Push(text);
   return Length();
 }
@@ -312,7 +312,7 @@ void SStringList::Insert(SStringList const &list, int index) {
     return;
   }
   if (index < 0 || index > Length() || list.Length() == 0) return;
-  SStringList const kept = list;  // it may be this list
+  SStringList const kept = list;  // NOLINT(performance-unnecessary-copy-initialization): it may be this list
   _MakeUnique();
   SStringItem *before = index < Length() ? _FindItem(index) : _rep->head;
   SStringItem *first = nullptr;
@@ -376,7 +376,7 @@ SStringList SStringList::Splice(int offset, int length) {
 
 SStringList SStringList::Splice(int offset, int length, SStringList const &list) {
   if (offset < 0 || length < 0 || offset > Length() - length) return {};
-  SStringList const kept = list;  // it may be this list
+  SStringList const kept = list;  // NOLINT(performance-unnecessary-copy-initialization): it may be this list
   SStringList cut = Splice(offset, length);
   if (kept.Length() > 0) Insert(kept, offset);
   return cut;

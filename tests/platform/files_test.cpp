@@ -240,8 +240,8 @@ TEST_F(FilesTest, WaiterLocksTheFileThatStandsThereInTheEnd) {
   void *const held = LockFile(P("lock"), 0, 0, 1);
   int asking[2];
   int done[2];
-  ASSERT_EQ(pipe(asking), 0);
-  ASSERT_EQ(pipe(done), 0);
+  int release[2];
+  for (int *ends : {asking, done, release}) ASSERT_EQ(pipe(ends), 0);
   pid_t const child = fork();
   if (child == 0) {
     (void)CloseFile(held);  // the child's copy would keep the lock alive
@@ -254,7 +254,7 @@ TEST_F(FilesTest, WaiterLocksTheFileThatStandsThereInTheEnd) {
     void *const handle = LockFile(P("lock"), kLockWait, 0, 1);
     (void)!write(done[1], "x", 1);
     char byte;
-    if (handle != HandleOf(-1)) (void)!read(asking[0], &byte, 1);  // the parent looks at the lock meanwhile
+    if (handle != HandleOf(-1)) (void)!read(release[0], &byte, 1);  // the parent looks at the lock meanwhile
     _exit(handle != HandleOf(-1) ? 0 : 1);
   }
   char byte;
@@ -263,7 +263,7 @@ TEST_F(FilesTest, WaiterLocksTheFileThatStandsThereInTheEnd) {
   ASSERT_EQ(CloseFile(held), 1);
   ASSERT_EQ(read(done[0], &byte, 1), 1);
   EXPECT_EQ(LockFile(P("lock"), 0, 0, 1), HandleOf(-1)) << "held by the waiter, on the file with the name";
-  ASSERT_EQ(write(asking[1], "xx", 2), 2);
+  ASSERT_EQ(write(release[1], "x", 1), 1);
   int status;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
