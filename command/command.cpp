@@ -5,14 +5,21 @@
 #include <sysexits.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "brenthaven/platform/environment.h"
 #include "brenthaven/platform/files.h"
 #include "brenthaven/spool/instance.h"
 
+std::string OneLine(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
+  return text;
+}
+
 void Fail(Command &command, int code, std::string const &text) {
-  fprintf(stderr, "brenthaven: %s\n", text.c_str());
+  fprintf(stderr, "brenthaven: %s\n", OneLine(text).c_str());
   if (!command.failed) command.code = code;
   command.failed = true;
 }

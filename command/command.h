@@ -16,6 +16,9 @@ struct Command {
   bool failed = false;  // a line was printed on standard error; the first one decides the code
 };
 
+// A text for an error line, which repeats what a caller gave: control bytes become "?".
+std::string OneLine(std::string text);
+
 // Prints "brenthaven: TEXT" on standard error and sets the exit code, unless an earlier failure has set it.
 void Fail(Command &command, int code, std::string const &text);
 

@@ -135,7 +135,7 @@ void Doctor::_CheckQueue() {
   for (SpoolFile const &file : FindSpoolFiles(_root)) {
     if (time(nullptr) - file.since < kStaleSeconds) continue;
     SControl control((SString(file.path)));
-    if (control.Read() == 0) {
+    if (control.Read() == 0 || control.Get(kKeyFunction).Length() == 0) {
       if (FileExists(SString(file.path))) _Found(file.path + " cannot be read as a control file");
       continue;
     }

@@ -92,8 +92,8 @@ void ListQueue(Command &command, QueueOptions const &options) {
   Json all = Json::array();
   for (SpoolFile const &file : FindSpoolFiles(command.root)) {
     SControl control((SString(file.path)));
-    bool const readable = control.Read() != 0;
-    if (!readable && !FileExists(SString(file.path))) continue;  // went on its way meanwhile
+    bool const readable = control.Read() != 0 && control.Get(kKeyFunction).Length() > 0;  // else torn
+    if (!readable && !FileExists(SString(file.path))) continue;                           // went on its way meanwhile
     if (options.json)
       all.push_back(Describe(file, control, readable));
     else

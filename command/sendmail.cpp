@@ -144,7 +144,7 @@ int RunQueues(Command &command) {
 int Submit(SendmailOptions &options) {
   if (!options.senderGiven) options.submission.sender = OwnAddress();
   SubmissionResult const result = SubmitFrom(STDIN_FILENO, options.submission);
-  if (result.code != 0) fprintf(stderr, "sendmail: %s\n", result.text.c_str());
+  if (result.code != 0) fprintf(stderr, "sendmail: %s\n", OneLine(result.text).c_str());
   return result.code;
 }
 

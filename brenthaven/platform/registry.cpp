@@ -490,7 +490,7 @@ LONG Deliver(Value const &value, DWORD *type, BYTE *data, DWORD *length) {
   *length = static_cast<DWORD>(value.bytes.size());
   if (data == nullptr) return ERROR_SUCCESS;
   if (room < value.bytes.size()) return ERROR_MORE_DATA;
-  if (!value.bytes.empty()) std::memcpy(data, value.bytes.data(), value.bytes.size());
+  value.bytes.copy(reinterpret_cast<char *>(data), value.bytes.size());
   return ERROR_SUCCESS;
 }
 

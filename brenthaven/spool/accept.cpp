@@ -55,6 +55,24 @@ std::string_view TakeLine(std::string_view &text) {
   return line;
 }
 
+// Whether a text is one address and nothing else: brackets on both sides or on neither, and no blank, bracket or
+// control byte inside, but in quotes. The parser is milder: it drops blanks and what stands around the brackets, so
+// that a slip would send the message to an address that nobody wrote.
+bool IsOneAddress(std::string_view text) {
+  if (text.starts_with('<') && text.ends_with('>')) text = text.substr(1, text.size() - 2);
+  bool quoted = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (static_cast<unsigned char>(text[i]) < ' ' || text[i] == 0x7f) return false;
+    if (text[i] == '\\')
+      ++i;
+    else if (text[i] == '"')
+      quoted = !quoted;
+    else if (!quoted && (text[i] == ' ' || text[i] == '<' || text[i] == '>'))
+      return false;
+  }
+  return true;
+}
+
 // A file of a message, to be flushed; one that is not there is not part of it.
 void AddIfThere(SSyncBarrier &barrier, SString const &path) {
   int const error = errno;
@@ -128,14 +146,14 @@ SString SAcceptance::GetName() const { return _control.GetFilename(); }
 
 SAcceptResult SAcceptance::SetSender(SString const &address) {
   S821Address const sender(address);
-  if (sender.IsBad()) return _Refuse(SAcceptResult::kBadAddress);
+  if (sender.IsBad() || !IsOneAddress(address.View())) return _Refuse(SAcceptResult::kBadAddress);
   _control[kKeyUserFrom] = ChannelSender(sender);
   return _state;
 }
 
 SAcceptResult SAcceptance::AddRecipient(SString const &address) {
   S821Address const recipient(address);
-  if (!recipient.IsValid()) return _Refuse(SAcceptResult::kBadAddress);
+  if (!recipient.IsValid() || !IsOneAddress(address.View())) return _Refuse(SAcceptResult::kBadAddress);
   if (_recipients == kMaxRecipients) return _Refuse(SAcceptResult::kTooManyRecipients);
   _control[kKeyChannelTo].Push(kChannelPrefix + recipient.Get());
   ++_recipients;

@@ -14,7 +14,7 @@ class CommandTest : public ScratchSpool {
 protected:
   CommandTest() {
     setenv("TZ", "UTC", 1);
-    setenv("LOGNAME", "tester", 1);
+    for (char const *name : {"LD_PRELOAD", "ASAN_OPTIONS"}) unsetenv(name);
   }
   ProgramRun Brenthaven(Words args, std::string const &input = "") const {
     args.insert(args.begin(), "brenthaven");

@@ -72,7 +72,8 @@ TEST_F(ConfigTest, ExportIsReadBackByteForByte) {
   std::string const text = "# kept by hand\r\n\r\n  [Odd/a b]c]\r\nplain.key-1 = \"" + every +
                            "\" \"\" \"\\x00\\x1f\\x7F\\n\\r\\t\\\"\\\\\"\r\n\"key = \\\"\\n[/]\" = \"v\"\nempty =\n";
   EXPECT_EQ(Good({"config", "import"}, text), "3 settings stored\n");
-  EXPECT_EQ(Good({"config", "get", "Odd/a b]c/plain.key-1"}), every + "\n\n" + std::string("\0\x1f\x7f\n\r\t\"\\\n", 9));
+  EXPECT_EQ(Good({"config", "get", "Odd/a b]c/plain.key-1"}),
+            every + "\n\n" + std::string("\0\x1f\x7f\n\r\t\"\\\n", 9));
 
   Good({"alias", "set", "team@example.org", "ann@example.org", "bob@far.example"});
   std::string const exported = Good({"config", "export"});
