@@ -33,6 +33,8 @@ file(WRITE ${CMAKE_BINARY_DIR}/brenthavenConfig.cmake
      "include(\"\${CMAKE_CURRENT_LIST_DIR}/brenthavenTargets.cmake\")\n")
 install(FILES ${CMAKE_BINARY_DIR}/brenthavenConfig.cmake ${CMAKE_BINARY_DIR}/brenthavenConfigVersion.cmake
         DESTINATION ${package})
+# Seen from the file itself, so that the tree may be installed, or moved, anywhere.
+file(RELATIVE_PATH BRENTHAVEN_PREFIX_FROM_PC /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/brenthaven.pc.in brenthaven.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/brenthaven.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 foreach(folder ${folders})

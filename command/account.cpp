@@ -12,7 +12,7 @@
 #include "brenthaven/accounts/check.h"
 #include "brenthaven/accounts/safeuid.h"
 #include "brenthaven/accounts/special.h"
-#include "brenthaven/address/address821.h"
+#include "brenthaven/spool/accept.h"
 #include "command/command.h"
 
 namespace {
@@ -101,8 +101,7 @@ bool FillAccount(SAccountMod &account, AccountOptions const &options, std::strin
 void AddAccountWithMailbox(Command &command, AccountOptions options) {
   if (!EnterInstance(command)) return;
   for (std::string &address : options.addresses) {
-    if (!S821Address(SString("<" + address + ">")).IsValid())
-      return Fail(command, EX_DATAERR, "not an address: " + address);
+    if (!IsMailAddress(SString(address))) return Fail(command, EX_DATAERR, "not an address: " + address);
   }
   SAccountDBMod accounts;
   if (options.uid.empty()) options.uid = ToStd(GenerateAccountUID(SString(options.name)));
@@ -226,7 +225,7 @@ void CheckAccounts(Command &command) {
   SAccountCheck const check =
       CheckAccountFiles([](SString const &fault) { printf("%s\n", static_cast<char const *>(fault)); });
   printf("%ld attributes, %ld index entries, %ld faults\n", check.attributes, check.entries, check.faults);
-  if (SAccountBase::ReadFailed()) return Fail(command, EX_IOERR, "the account files cannot be read");
+  if (check.readFailed) return Fail(command, EX_IOERR, "the account files cannot be read");
   if (check.faults > 0) Fail(command, EX_DATAERR, "the account files disagree");
 }
 

@@ -7,6 +7,7 @@
 
 #include "brenthaven/accounts/alias.h"
 #include "brenthaven/address/address821.h"
+#include "brenthaven/spool/accept.h"
 #include "command/command.h"
 
 namespace {
@@ -25,7 +26,7 @@ S821Address ParseAddress(std::string const &text) {
 }
 
 bool CheckAddress(Command &command, std::string const &text) {
-  if (ParseAddress(text).IsValid()) return true;
+  if (IsMailAddress(SString(text))) return true;
   Fail(command, EX_DATAERR, "not an address: " + text);
   return false;
 }

@@ -114,7 +114,7 @@ void Doctor::_CheckModules() {
 
 void Doctor::_CheckAccounts() {
   SAccountCheck const check = CheckAccountFiles([this](SString const &fault) { _Found("accounts: " + ToStd(fault)); });
-  if (SAccountBase::ReadFailed())
+  if (check.readFailed || SAccountBase::ReadFailed())
     _Found("the account files or their settings cannot be read");
   else if (check.attributes == 0)
     _Found("there are no accounts");

@@ -139,6 +139,9 @@ void SmtpSession::_Rcpt(std::string_view rest) {
   std::string path;
   if (_acceptance == nullptr) return _Error("503 5.5.1 no sender yet");
   if (!TakePath(rest, path)) return _Error("501 5.1.3 no address in angle brackets");
+  // Looked at first: what the acceptance itself refuses, it holds against the recipients that were taken.
+  if (!IsMailAddress(SString(path))) return _Refuse(SAcceptResult::kBadAddress);
+  if (_recipients == SAcceptance::kMaxRecipients) return _Refuse(SAcceptResult::kTooManyRecipients);
   SAcceptResult const result = (*_acceptance)->AddRecipient(SString(path));
   if (result != SAcceptResult::kOk) return _Refuse(result);
   ++_recipients;

@@ -112,16 +112,18 @@ Dispatcher::~Dispatcher() {
 
 int Dispatcher::Start() {
   int failure = _TakeLock();
+  (void)LoadInstanceEnvironment(SString(_root));  // may name the port; an instance without the file has its defaults
   if (failure == 0) failure = _OpenSignals();
   if (failure == 0) failure = _OpenSocket();
-  if (failure == 0) failure = _PublishAddress();
   if (failure != 0) return failure;
+  _key = RandomKey();
   _LoadSettings();
-  _Log("START:" + std::to_string(_port));
   _ClearLeftOvers();
-  _nextScan = Clock::now();
+  _ScanControl();  // before the first notification can come, so that what lies there is not found a second time
   _nextWalk = Clock::now() + seconds(2);
-  return 0;
+  failure = _PublishAddress();
+  if (failure == 0) _Log("START:" + std::to_string(_port));
+  return failure;
 }
 
 int Dispatcher::_TakeLock() {
@@ -172,7 +174,6 @@ int Dispatcher::_OpenSocket() {
 }
 
 int Dispatcher::_PublishAddress() {
-  _key = RandomKey();
   std::string const text = "DispatchSocket=" + std::to_string(_port) + "\nDispatchKey=" + _key + "\n";
   std::string const path = _root + "/run/dispatcher";
   std::string const temp = path + kTempSuffix;
@@ -187,8 +188,7 @@ int Dispatcher::_PublishAddress() {
 }
 
 void Dispatcher::_LoadSettings() {
-  LoadInstanceEnvironment(SString(_root));
-  PutEnv("Brenthaven", SString(_root));
+  (void)LoadInstanceEnvironment(SString(_root));
   PutEnv("DispatchSocket", SString(std::to_string(_port)));
   PutEnv("DispatchKey", SString(_key));
   _environment.clear();
@@ -343,6 +343,7 @@ ModuleProcess *Dispatcher::_IdleFor(std::string const &function) const {
 }
 
 void Dispatcher::_StartJob(Job &job) {
+  if (_IsGone(job)) return (void)_jobs.Finish(job);  // found by a scan and done before the word of it came
   while (ModuleProcess *const idle = _IdleFor(job.function)) {
     if (idle->Give(job)) return;
     idle->Retire();  // it has died; its end is on the way
@@ -458,11 +459,7 @@ void Dispatcher::_Done(Job &job) {
 }
 
 void Dispatcher::_Retry(Job &job, bool counts) {
-  struct stat info;
-  if (sys::Lstat(_ControlPath(job.name).c_str(), &info) != 0 && errno == ENOENT) {
-    (void)_jobs.Finish(job);  // nothing is left to do
-    return;
-  }
+  if (_IsGone(job)) return (void)_jobs.Finish(job);  // nothing is left to do
   if (counts && ++job.failures >= _settings.retryLimit) return _MoveToFailed(job);
   auto const delay = seconds(_settings.retryDelay) * (1LL << std::clamp(job.failures - 1, 0, 12));
   _jobs.Delay(job, Clock::now() + std::min<Clock::duration>(delay, kLongestDelay));
@@ -586,6 +583,11 @@ bool Dispatcher::_IsInstalled(std::string const &function) const {
   std::string const path = _modules + "/" + function;
   return function != "Dispatcher" && sys::Lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
          (info.st_mode & 0111) != 0;
+}
+
+bool Dispatcher::_IsGone(Job const &job) const {
+  struct stat info;
+  return sys::Lstat(_ControlPath(job.name).c_str(), &info) != 0 && errno == ENOENT;
 }
 
 std::string Dispatcher::_ControlPath(std::string const &name) const {

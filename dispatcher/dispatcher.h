@@ -74,6 +74,7 @@ private:
   void _ClearLeftOvers();
   void _PlanWalks();
   bool _IsInstalled(std::string const &function) const;
+  bool _IsGone(Job const &job) const;
   std::string _ControlPath(std::string const &name) const;
 
   void _Log(std::string const &text) const;

@@ -131,17 +131,16 @@ bool ModuleProcess::ReadAnswer(int &code) {
     return false;
   }
   _answer.append(buffer, static_cast<size_t>(length));
-  size_t const end = _answer.find('\n');
-  if (end == std::string::npos) {
-    if (_answer.size() > kMaxAnswer) _answer.clear();
-    return false;
+  for (size_t end; (end = _answer.find('\n')) != std::string::npos;) {
+    auto const [stop, error] = std::from_chars(_answer.data(), _answer.data() + end, code);
+    bool const good = error == std::errc() && stop == _answer.data() + end;
+    _answer.erase(0, end + 1);
+    if (!good) continue;  // the module prints something else on its standard output
+    ++served;
+    return true;
   }
-  auto const [stop, error] = std::from_chars(_answer.data(), _answer.data() + end, code);
-  bool const good = error == std::errc() && stop == _answer.data() + end;
-  _answer.erase(0, end + 1);
-  if (!good) return false;  // a module that prints something else on its standard output
-  ++served;
-  return true;
+  if (_answer.size() > kMaxAnswer) _answer.clear();
+  return false;
 }
 
 void ModuleProcess::Retire() { CloseIfOpen(_input); }

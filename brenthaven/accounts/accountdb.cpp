@@ -19,6 +19,10 @@ int Limit(char const *name) { return PositiveNumber(Setting(name).Get(0)); }
 
 }  // namespace
 
+SAccountReadScope::SAccountReadScope() { Store().LockRead(); }
+
+SAccountReadScope::~SAccountReadScope() { Store().UnlockRead(); }
+
 SString SAccountDB::GetAccountUID(S821Address const &address) {
   return _IndexLookupSingle(kAttrSmtpAddress, _MapAddress(address));
 }

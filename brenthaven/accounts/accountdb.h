@@ -6,6 +6,16 @@
 #include "brenthaven/text/sstring.h"
 #include "brenthaven/text/sstringlist.h"
 
+// While one lives, all reads of accounts see one state of the store, under one lock in place of one for each. Writers
+// of every process wait for its end, so it spans look-ups and nothing slow, and no write section begins inside. Nests.
+class SAccountReadScope {
+public:
+  SAccountReadScope();
+  SAccountReadScope(SAccountReadScope const &) = delete;
+  SAccountReadScope &operator=(SAccountReadScope const &) = delete;
+  ~SAccountReadScope();
+};
+
 // Reads the account store. Needs no set-up and costs nothing to make; a store that was never written has no accounts.
 class SAccountDB : public SAccountBase {
 public:

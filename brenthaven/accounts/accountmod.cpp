@@ -19,8 +19,6 @@ constexpr int kLinks[] = {kAttrLinkedManagerAccount, kAttrLinkedOwnerAccount};
 
 SObjectDB &Store() { return accountstore::Objects(); }
 
-bool IsTemplate(SString const &uid) { return uid == kDefaultUID || uid.HasPrefix("Default-") != 0; }
-
 // Takes every occurrence of an item out of a list; whether there was one.
 bool Remove(SStringList &list, SString const &item) {
   bool found = false;
@@ -63,12 +61,12 @@ int SAccountMod::Set(int attribute, SStringList const &values) {
 int SAccountMod::Set(SString const &name, SStringList const &values) { return Set(_MapAttrib(name), values); }
 
 int SAccountMod::_SetPassword(SString const &plain) {
-  if (!IsTemplate(_uid) && SAuxPassword().SetPassword(_uid, plain) == 0) return 0;
+  if (!IsTemplateUID(_uid) && SAuxPassword().SetPassword(_uid, plain) == 0) return 0;
   return _Store(kAttrPassword, SStringList(StringCopy(plain)));
 }
 
 int SAccountMod::_Store(int attribute, SStringList const &values) {
-  return Store().SetAttrib(attribute, _uid, values, IsTemplate(_uid) ? kNoIndex : 0) != 0;
+  return Store().SetAttrib(attribute, _uid, values, IsTemplateUID(_uid) ? kNoIndex : 0) != 0;
 }
 
 int SAccountMod::Delete(int attribute) { return Store().DeleteAttrib(attribute, _uid) != 0; }

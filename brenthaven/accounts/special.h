@@ -8,6 +8,9 @@ inline constexpr char kDefaultUID[] = "Default";             // template of new 
 inline constexpr char kDefaultListUID[] = "Default-List";    // template of new lists
 inline constexpr char kAllMailboxesUID[] = "All-Mailboxes";  // the list of all accounts; not counted among the lists
 
+// Whether the account is a template, "Default" or "Default-...". Its attributes, but for Type, stand in no index.
+inline bool IsTemplateUID(SString const &uid) { return uid == kDefaultUID || uid.HasPrefix("Default-"); }
+
 // "List-Manager", "Account-Manager", "Configuration-Manager", "Error-Handler": accounts that modules serve.
 SStringList GetReservedAccountList();
 // Those, then "Postmaster", "Default", "Default-List".

@@ -15,8 +15,7 @@ enum Kind : int {
   kBracket = -3,      // opens a domain literal
   kEscape = -4,       // backslash that takes the next byte into the word
   kParenthesis = -5,  // opens a comment
-  kReturn = -6,       // CR, which only stands in front of LF
-  kMisplaced = -7,    // error token of its own
+  kMisplaced = -6,    // error token of its own
 };
 
 using Kinds = std::array<int, 256>;
@@ -47,7 +46,7 @@ constexpr Kinds kKinds821 = [] {
 constexpr Kinds kKinds822 = [] {
   Kinds kinds = CommonKinds(kMisplaced);
   for (unsigned char c : std::string_view(")\\]")) kinds[c] = kMisplaced;
-  kinds['\t'] = kBlank, kinds['('] = kParenthesis, kinds['\r'] = kReturn;
+  kinds['\t'] = kBlank, kinds['('] = kParenthesis;
   return kinds;
 }();
 

@@ -37,6 +37,8 @@ protected:
   void _Take(Scan &scan, int length);  // moves so many bytes, or all that are left, into the token
   template <typename Predicate>
   void _TakeWhile(Scan &scan, Predicate fits);  // moves bytes into the token as long as they fit
+  template <typename Step>
+  SToken _Read(Step step);  // one token, by steps that each take bytes in or end it
   Scan _Begin();
   SToken _Finish(Scan &scan);  // ends the token at the current position, or at the end of the text without a type
 
@@ -53,4 +55,11 @@ void SParser::_TakeWhile(Scan &scan, Predicate fits) {
   size_t end = static_cast<size_t>(_position);
   while (end < text.size() && fits(static_cast<unsigned char>(text[end]))) ++end;
   _Take(scan, static_cast<int>(end) - _position);
+}
+
+template <typename Step>
+SToken SParser::_Read(Step step) {
+  Scan scan = _Begin();
+  while (scan.type == 0 && !_AtEnd()) step(scan);
+  return _Finish(scan);
 }

@@ -97,29 +97,38 @@ SString Quoted(std::string_view text) {
 S821Parser::S821Parser(SString const &text, unsigned int lenient) : SParser(text), _lenient(lenient) {}
 
 SToken S821Parser::NextToken() {
-  Scan scan = _Begin();
-  while (scan.type == 0 && !_AtEnd()) switch (_state) {
+  return _Read([this](Scan &scan) {
+    switch (_state) {
       case kInQuote:
-        _InQuote(scan);
-        break;
+        return _InQuote(scan);
       case kInLiteral:
-        _InLiteral(scan);
-        break;
+        return _InLiteral(scan);
       default:
-        _InNormal(scan);
-        break;
+        return _InNormal(scan);
     }
-  return _Finish(scan);
+  });
+}
+
+int S821Parser::_InWords(Scan &scan, Kinds const &kinds) {
+  int const kind = kinds[_Byte()];
+  bool const hasWord = scan.text.Length() > 0;
+  if (kind == kInWord) {
+    _TakeWhile(scan, [&kinds](unsigned char c) { return kinds[c] == kInWord; });
+  } else if (kind == kBlank && !hasWord) {
+    _Skip(1);
+  } else if (hasWord) {
+    if (kind == kBlank) ++_position;
+    scan.End(SToken::kAtom);
+  } else {
+    return kind;
+  }
+  return kInWord;
 }
 
 void S821Parser::_InNormal(Scan &scan) {
-  int const kind = kKinds821[_Byte()];
-  bool const hasWord = scan.text.Length() > 0;
-  if (kind == kInWord) return _TakeWhile(scan, [](unsigned char c) { return kKinds821[c] == kInWord; });
-  if (kind == kEscape) return _Take(scan, 2);
-  if (kind == kBlank && !hasWord) return _Skip(1);
-  if (kind == kBlank) ++_position;
-  if (hasWord) return scan.End(SToken::kAtom);
+  if (kKinds821[_Byte()] == kEscape) return _Take(scan, 2);
+  int const kind = _InWords(scan, kKinds821);
+  if (kind == kInWord) return;
   _Take(scan, 1);
   if (kind == kQuote)
     _state = kInQuote;
@@ -130,16 +139,17 @@ void S821Parser::_InNormal(Scan &scan) {
 }
 
 void S821Parser::_InQuote(Scan &scan) {
-  _TakeWhile(scan, [](unsigned char c) { return c != '"' && c != '\\' && c != '\r' && c != '\n'; });
-  if (_AtEnd()) return;
   switch (_Byte()) {
     case '\\':
       return _Take(scan, 2);
     case '"':
       _Take(scan, 1);
       return scan.End(SToken::kQuoted);
+    case '\r':
+    case '\n':
+      return scan.Fail();
     default:
-      return scan.Fail();  // a line end
+      _TakeWhile(scan, [](unsigned char c) { return c != '"' && c != '\\' && c != '\r' && c != '\n'; });
   }
 }
 

@@ -4,6 +4,8 @@
 // time linear in the text. Control characters are the bytes below 0x20 once the top bit is cleared, so 0x80 to 0x9f
 // are among them.
 #pragma once
+#include <array>
+
 #include "brenthaven/address/address821.h"
 #include "brenthaven/address/parser.h"
 #include "brenthaven/text/sstringlist.h"
@@ -49,9 +51,13 @@ protected:
   // it. A text with an unescaped quote in its middle is left alone.
   static void _FixLocalPart(SString &local);
 
+  // A step outside quotes, by the kinds of bytes (kinds.h): takes what belongs to a word, or ends the word. The kind of
+  // a byte that neither is of a word nor ends one, and stands alone; 0 when the step is done.
+  int _InWords(Scan &scan, std::array<int, 256> const &kinds);
+  void _InQuote(Scan &scan);
+
 private:
   void _InNormal(Scan &scan);
-  void _InQuote(Scan &scan);
   void _InLiteral(Scan &scan);
 
   S821Address _ParseAddress();

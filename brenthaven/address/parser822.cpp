@@ -36,32 +36,24 @@ struct S822Parser::Reading {
 };
 
 SToken S822Parser::NextToken() {
-  Scan scan = _Begin();
-  while (scan.type == 0 && !_AtEnd()) switch (_state) {
+  return _Read([this](Scan &scan) {
+    switch (_state) {
       case kInQuote:
-        _InQuote(scan);
-        break;
+        return _Byte() == '\r' ? _LineEnd(scan) : _InQuote(scan);
       case kInComment:
-        _InComment(scan);
-        break;
+        return _InComment(scan);
       case kInLiteral:
-        _InLiteral(scan);
-        break;
+        return _InLiteral(scan);
       default:
-        _InNormal(scan);
-        break;
+        return _InNormal(scan);
     }
-  return _Finish(scan);
+  });
 }
 
 void S822Parser::_InNormal(Scan &scan) {
-  int const kind = kKinds822[_Byte()];
-  bool const hasWord = scan.text.Length() > 0;
-  if (kind == kInWord) return _TakeWhile(scan, [](unsigned char c) { return kKinds822[c] == kInWord; });
-  if (kind == kReturn) return _LineEnd(scan);
-  if (kind == kBlank && !hasWord) return _Skip(1);
-  if (kind == kBlank) ++_position;
-  if (hasWord) return scan.End(SToken::kAtom);
+  if (_Byte() == '\r') return _LineEnd(scan);
+  int const kind = _InWords(scan, kKinds822);
+  if (kind == kInWord) return;
   _Take(scan, 1);
   switch (kind) {
     case kQuote:
@@ -78,22 +70,6 @@ void S822Parser::_InNormal(Scan &scan) {
       return scan.End(SToken::kError);
     default:
       return scan.End(kind);
-  }
-}
-
-void S822Parser::_InQuote(Scan &scan) {
-  _TakeWhile(scan, [](unsigned char c) { return c != '"' && c != '\\' && c != '\r' && c != '\n'; });
-  if (_AtEnd()) return;
-  switch (_Byte()) {
-    case '\\':
-      return _Take(scan, 2);
-    case '\r':
-      return _LineEnd(scan);
-    case '"':
-      _Take(scan, 1);
-      return scan.End(SToken::kQuoted);
-    default:
-      return scan.Fail();  // a bare LF
   }
 }
 

@@ -27,7 +27,6 @@ public:
 
 private:
   void _InNormal(Scan &scan);
-  void _InQuote(Scan &scan);
   void _InComment(Scan &scan);
   void _InLiteral(Scan &scan);
   void _LineEnd(Scan &scan);

@@ -19,7 +19,7 @@ constexpr char kProcessMail[] = "ProcessMail";
 SStringList Remaining(SStringList pending, SStringList const &done) {
   pending.Sort(SString::StrCmp);
   pending.Unique();
-  STextSet const finished(done);
+  SStringSet const finished(done);
   SStringList remaining;
   for (SString const &entry : pending)
     if (!finished.Contains(entry)) remaining.Push(entry);
@@ -50,6 +50,7 @@ SAccountHandlerModule::~SAccountHandlerModule() = default;
 unsigned int SAccountHandlerModule::LoadEnv() { return _mailbox.LoadEnv(); }
 
 unsigned int SAccountHandlerModule::ProcessMail() {
+  _waits = false;
   Pass pass(GetControl());
   bool const hasWork = pass.queue.Length() > 0 || pass.managers.Length() > 0 || pass.modules.Length() > 0 ||
                        pass.channels.Length() > 0 || pass.agents.Keys().Length() > 0;
@@ -57,7 +58,8 @@ unsigned int SAccountHandlerModule::ProcessMail() {
   bool const readable = _Expand(pass);
   // Without a postmaster his mail has nowhere to go, not even as an error report, which would be for him: it stays in
   // control/ as it came until there is one.
-  if (pass.stopped) return 1;
+  _waits = pass.stopped;
+  if (_waits) return 1;
   if (readable) {
     _WriteBack(pass);
     if (_Finish(pass)) return 1;
@@ -80,7 +82,7 @@ unsigned int SAccountHandlerModule::_Finish(Pass &pass) {
 bool SAccountHandlerModule::_Deliver(Pass &pass) {
   bool const nothingElse = pass.unknown.Length() == 0 && pass.modules.Length() == 0 && pass.channels.Length() == 0 &&
                            pass.managers.Length() == 0;
-  STextSet done(GetControl().Get(kKeyDeliverToDone));
+  SStringSet done(GetControl().Get(kKeyDeliverToDone));
   SStringList agents = pass.agents.Keys();
   while (agents.Length() > 0) {
     SString const agent = agents.Shift();
@@ -162,8 +164,8 @@ unsigned int SAccountHandlerModule::_Fail(char const *error) {
 // unknown. What it delivered stays recorded.
 void SAccountHandlerModule::_PutBack(Pass const &pass) {
   SControl &control = GetControl();
-  STextSet const reported(pass.reported ? pass.unknown : SStringList());
-  STextSet open{SStringList()};
+  SStringSet const reported(pass.reported ? pass.unknown : SStringList());
+  SStringSet open;
   SStringList again;
   for (SStringList const &names : {control.Get(kKeyAccountTo), pass.taken})
     for (SString const &name : names)

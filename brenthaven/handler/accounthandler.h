@@ -24,6 +24,8 @@ public:
   // "Function:" as it came: accounts that this pass expanded stand in "Account-To:" again, and what was delivered
   // stands in "Deliver-To!", from where the next pass leaves it out. The caller writes and defers it.
   unsigned int ProcessMail() override;
+  // Whether the last ProcessMail gave 1 and left the message as it was: it is for a postmaster who has no account.
+  bool Waits() const { return _waits; }
 
 private:
   struct Pass;  // what one pass knows; see pass.h
@@ -53,4 +55,5 @@ private:
   unsigned int _HandToRouter();  // rerouting.cpp: the one place where a handler runs a router
 
   SMailboxDeliverModule _mailbox;
+  bool _waits = false;
 };

@@ -27,6 +27,7 @@ bool SAccountHandlerModule::_Expand(Pass &pass) {
   while (pass.queue.Length() > 0 && !SAccountDB::ReadFailed()) {
     SString const name = pass.queue.Shift();
     if (name.Length() == 0 || !pass.seen.Add(name)) continue;
+    SAccountReadScope const scope;
     SAccount account;
     if (SAccountDB().GetAccountInfo(name, &account)) {
       pass.accountFound = true;

@@ -1,31 +1,15 @@
 // brenthaven/handler/pass.h - what one pass over a message's accounts knows. Private to the account handler.
 #pragma once
-#include <string>
-#include <unordered_set>
-
 #include "brenthaven/handler/accounthandler.h"
 #include "brenthaven/text/named.h"
-
-// Texts met so far: a list of ten thousand members must not cost ten thousand searches through a list.
-class STextSet {
-public:
-  explicit STextSet(SStringList const &texts) {
-    for (SString const &text : texts) (void)Add(text);
-  }
-  // True when the text is new here.
-  bool Add(SString const &text) { return _texts.emplace(text.View()).second; }
-  bool Contains(SString const &text) const { return _texts.contains(std::string(text.View())); }
-
-private:
-  std::unordered_set<std::string> _texts;
-};
+#include "brenthaven/text/sstringset.h"
 
 struct SAccountHandlerModule::Pass {
   explicit Pass(SControl const &control);
 
   SString function;               // as the message came
   SStringList queue;              // names still to expand; what they lead to joins its end
-  STextSet seen;                  // names taken off the queue, by earlier passes too
+  SStringSet seen;                // names taken off the queue, by earlier passes too
   SStringList taken;              // those of this pass, in order
   SStringList unknown;            // those of them that are no accounts
   SStringList modules;            // "handler account"

@@ -2,6 +2,7 @@
 #include "brenthaven/handler/accounthandler.h"
 #include "brenthaven/router/smtprouter.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/text/sstringset.h"
 
 namespace {
 // Accounts that forward to one another by address nest routers and handlers. Beyond this the message goes on by file.
@@ -21,9 +22,9 @@ unsigned int SAccountHandlerModule::_HandToRouter() {
   control = router.GetControl();
   control.AddTrace();
   control.SetModule(this);
-  SStringList const left = control.Get(kKeyChannelTo);
+  SStringSet known(control.Get(kKeyChannelTo));
+  known.AddAll(control.Get(kKeyChannelToDone));
   for (SString const &entry : given)
-    if (!left.Contains(entry) && !control.Get(kKeyChannelToDone).Contains(entry))
-      control[kKeyChannelToDone].Push(entry);
+    if (known.Add(entry)) control[kKeyChannelToDone].Push(entry);
   return 0;
 }

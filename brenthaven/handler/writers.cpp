@@ -3,7 +3,6 @@
 
 #include "brenthaven/accounts/safeuid.h"
 #include "brenthaven/handler/pass.h"
-#include "brenthaven/platform/files.h"
 #include "brenthaven/spool/keys.h"
 #include "brenthaven/text/base.h"
 
@@ -17,18 +16,6 @@ constexpr long kDefaultDirectKbytes = 102400;
 long Setting(char const *name, long whenUnset) {
   long const value = GetEnv(name).AsLong();
   return value != 0 ? value : whenUnset;
-}
-
-bool IsTaken(SControl const &control) {
-  return FileExists(control.GetControlFilename()) || FileExists(control.GetHeaderFilename()) ||
-         FileExists(control.GetBodyFilename());
-}
-
-// Names a copy. Where an earlier pass over this message left one that still waits under the name, the first number that
-// is free goes behind it.
-void NameCopy(SControl &copy, SString const &name) {
-  copy.PutFilename(name);
-  for (int number = 1; IsTaken(copy); ++number) copy.PutFilename(name + MakeSString(number));
 }
 
 // Small enough to be delivered in this process. Message-Size: is taken as the number that it is.
@@ -51,7 +38,8 @@ unsigned int SAccountHandlerModule::WriteDeliver(SString agent, SStringList cons
   if (list.Length() > 0) copy[kKeyDeliverTo] = list;
   if (!last) {
     int const earlier = own.GetTraceCount();
-    NameCopy(copy, own.GetFilename() + (earlier > 0 ? "." + MakeSString(earlier) : SString()) + "-" + agent);
+    // An earlier pass over this message may have left a copy that still waits under the name.
+    copy.PutFreeFilename(own.GetFilename() + (earlier > 0 ? "." + MakeSString(earlier) : SString()) + "-" + agent);
     if (!own.LinkMessage(copy.GetFilename())) return 0;
   }
   bool const here = agent == kMailboxAgent && IsSmall(own, list.Length());
@@ -80,7 +68,7 @@ unsigned int SAccountHandlerModule::WriteUnknownAccts(SStringList const &account
   SControl copy = own;
   for (char const *key : {kKeyDeliverTo, kKeyModuleTo, kKeyChannelTo, kKeyManagerTo}) copy.Delete(key);
   copy[kKeyAccountTo] = accounts;
-  NameCopy(copy, own.GetFilename() + "-Unknown");
+  copy.PutFreeFilename(own.GetFilename() + "-Unknown");
   if (!own.LinkMessage(copy.GetFilename())) {
     (void)ProcessError(
         "LinkFail", kWriteUnknownAcct,

@@ -87,6 +87,7 @@ struct SMailboxDeliverModule::Pass {
     bad = control.Get(kKeyBadDeliveries);
     temporary = control.Get(kKeyTempFailures);
     overQuota = control.Get(kKeyOverQuota);
+    isFurther = bad.Length() + temporary.Length() + overQuota.Length() > 0;
   }
   Pass(Pass const &) = delete;
 
@@ -111,7 +112,8 @@ struct SMailboxDeliverModule::Pass {
   }
 
   std::vector<Entry> entries;
-  SStringList rest;  // for another pass
+  SStringList rest;        // for another pass
+  bool isFurther = false;  // earlier batches have left failures, which only the three lists name
   Slot slots[kSlotCount];
   SStringList bad;
   SStringList temporary;
@@ -332,6 +334,8 @@ unsigned int SMailboxDeliverModule::_EndPass(Pass &pass) {
   if (_delivered.Length() > 0) {
     if (!_Record(open)) return 0;
     control.Delete(kKeyMailboxDeliverErrorSent);
+  } else if (pass.isFurther) {
+    control[kKeyDeliverTo] = open;
   }
   for (char const *key : {kKeyBadDeliveries, kKeyTempFailures, kKeyOverQuota}) control.Delete(key);
   if (open.Length() == 0) return _Finish();
@@ -389,6 +393,7 @@ void SMailboxDeliverModule::_LookUp(Entry &entry) {
   if (entry.lookedUp) return;
   entry.lookedUp = true;
   entry.folder = _MailFolder(entry.account);
+  SAccountReadScope const scope;
   SAccount account;
   entry.found = SAccountDB().GetAccountInfo(entry.account, &account) != 0;
   if (entry.found) entry.slot = account.GetString(kAttrQjJudgeEnabled) == "yes" ? 1 : 0;

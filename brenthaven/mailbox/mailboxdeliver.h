@@ -91,6 +91,7 @@ private:
   bool _WriteForm(SNewFile &stored, SString const &file, SStringList *errors);
   bool _StoreCopy(Slot &slot, SString const &target);
   bool _TakeWithinQuota(SSizeFile &f, long long messageSize);
+  long long _QuotaOf(SString const &uid) const;
   unsigned int _DeferUnwritten(Pass &pass);
   unsigned int _DeferUndefined(Pass &pass);
   unsigned int _EndBatch(Pass &pass);

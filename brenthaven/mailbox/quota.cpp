@@ -49,12 +49,7 @@ long long KilobytesToBytes(SString const &kilobytes) {
 }
 
 long long SMailboxDeliverModule::AvailableMailboxStorage(SSizeFile &f, unsigned int recount, long long *quota) {
-  long long limit = _defaultQuota;
-  SAccount account;
-  if (SAccountDB().GetAccountInfo(_account, &account)) {
-    long long const own = KilobytesToBytes(account.GetString(kAttrMailboxQuota));
-    if (own > 0) limit = own;
-  }
+  long long limit = _QuotaOf(_account);
   _unlimited = limit <= 0;
   if (_unlimited) limit = kNoQuota;
   long long size = f.GetSize();
@@ -64,6 +59,15 @@ long long SMailboxDeliverModule::AvailableMailboxStorage(SSizeFile &f, unsigned 
   }
   if (quota != nullptr) *quota = limit;
   return _unlimited ? limit : limit - size;
+}
+
+// 0 or less: no limit.
+long long SMailboxDeliverModule::_QuotaOf(SString const &uid) const {
+  SAccountReadScope const scope;
+  SAccount account;
+  long long const own =
+      SAccountDB().GetAccountInfo(uid, &account) ? KilobytesToBytes(account.GetString(kAttrMailboxQuota)) : 0;
+  return own > 0 ? own : _defaultQuota;
 }
 
 // The rule for one message of the current account. A message of exactly the remaining space is taken.

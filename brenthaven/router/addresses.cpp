@@ -104,6 +104,7 @@ SStringList SSMTPRouterModule::MatchFieldPreload() {
 void SSMTPRouterModule::_NoteListMembers(Pass &pass) {
   SAccountDB accounts;
   for (SString const &entry : pass.work) {
+    SAccountReadScope const scope;
     SAccount list;
     if (!accounts.GetAccountInfo(accounts.GetAccountUID(S821Address(entry)), &list)) continue;
     SStringList const members = accounts.IndexLookup(kAttrSubscribedListsImmediate, list.GetUID());

@@ -94,7 +94,7 @@ int SSMTPRouterModule::_PassFanOutOn(SNamedStringList &hosts, SStringList const 
 int SSMTPRouterModule::_WriteBatch(FanOut &fan, SStringList const &keys) {
   double const needed = (keys.Length() + 1) * fan.size;
   if (GetRemainingUsableKB(GetControl().GetControlFilename(), needed) == 0) {
-    if (IsInLine()) (void)GetControl().Write();  // the frame does it elsewhere; the 0 below says all there is to say
+    if (IsInLine() && CommitBarrier()) (void)GetControl().Write();  // the frame does it elsewhere; the 0 says the rest
     return 0;
   }
   for (SString const &key : keys) {
@@ -125,7 +125,8 @@ int SSMTPRouterModule::_CommitBatch(FanOut &fan) {
   SControl &own = GetControl();
   SStringList const before = own.Get(kKeyChannelToDone);
   for (FanOut::Copy const &made : fan.batch) own[kKeyChannelToDone].Push(fan.hosts.Get(made.key));
-  if (own.Write()) return 1;
+  // In line the control has lost what the module before this one has done, and that may not be on disk yet.
+  if ((!IsInLine() || CommitBarrier()) && own.Write()) return 1;
   own[kKeyChannelToDone] = before;
   _UndoBatch(fan);
   return 0;

@@ -3,8 +3,8 @@
 #include "brenthaven/address/address821.h"
 #include "brenthaven/router/routeobserver.h"
 #include "brenthaven/router/smtprouter.h"
-#include "brenthaven/router/stringset.h"
 #include "brenthaven/text/named.h"
+#include "brenthaven/text/sstringset.h"
 
 // A printed address shorter than this is null or broken: the shortest that names somebody is "<a>".
 inline constexpr int kShortestAddress = 3;

@@ -133,6 +133,7 @@ private:
   bool _NeedsHandOver(Pass const &pass);
   unsigned int _HandOver(Pass &pass);
   void _TakeBack(Pass const &pass, SStringList const &done);
+  void _LetWait(Pass const &pass, SStringList const &done);
   unsigned int _Drop();
   SStringList _EntriesLeft(Pass const &pass);
   void _KeepWhatIsLeft(Pass const &pass);

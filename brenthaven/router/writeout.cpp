@@ -2,7 +2,6 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "brenthaven/platform/files.h"
 #include "brenthaven/router/pass.h"
 #include "brenthaven/spool/keys.h"
 #include "brenthaven/text/base.h"
@@ -10,19 +9,6 @@
 namespace {
 
 constexpr char kUnknownSuffix[] = "-Unknown";
-
-bool IsTaken(SControl const &control) {
-  return FileExists(control.GetControlFilename()) || FileExists(control.GetHeaderFilename()) ||
-         FileExists(control.GetBodyFilename());
-}
-
-// Names the copy for refused entries: the message's name and "-Unknown", and where an earlier report still stands under
-// that, the first number behind it that is free.
-void NameUnknownCopy(SControl &copy, SString const &message) {
-  SString const name = message + kUnknownSuffix;
-  copy.PutFilename(name);
-  for (int number = 1; IsTaken(copy); ++number) copy.PutFilename(name + MakeSString(number));
-}
 
 }  // namespace
 
@@ -60,7 +46,7 @@ int SSMTPRouterModule::WriteErrorAddrs(SString const &error, SStringList const &
   SControl &own = GetControl();
   SControl copy = own;
   for (char const *key : {kKeyChannelTo, kKeyAccountToDone, kKeyDeliverToDone}) copy.Delete(key);
-  NameUnknownCopy(copy, own.GetFilename());
+  copy.PutFreeFilename(own.GetFilename() + kUnknownSuffix);  // an earlier report may still stand under the name
   if (!own.LinkMessage(copy.GetFilename())) return 0;
   copy[kKeyChannelTo] = addresses;
   errno = 0;  // the report is about addresses; no call has failed
@@ -80,9 +66,10 @@ bool SSMTPRouterModule::_NeedsHandOver(Pass const &pass) {
 unsigned int SSMTPRouterModule::_HandOver(Pass &pass) {
   SStringList const done = GetControl().Get(kKeyChannelToDone);
   for (SString const &entry : pass.foreign) LogRouterLine(_logName, "No router for this channel:" + entry);
-  if (WriteAcctHandler(pass.accounts, pass.channels, pass.foreign)) return 1;
-  _TakeBack(pass, done);
-  return 0;
+  bool const handled = WriteAcctHandler(pass.accounts, pass.channels, pass.foreign) != 0;
+  if (!handled) _TakeBack(pass, done);
+  if (_handler.Waits()) _LetWait(pass, done);
+  return handled ? 1 : 0;
 }
 
 int SSMTPRouterModule::WriteAcctHandler(SStringList const &accounts, SStringList const &channels,
@@ -110,6 +97,14 @@ void SSMTPRouterModule::_TakeBack(Pass const &pass, SStringList const &done) {
   own[kKeyChannelToDone] = done;
   own.Delete(kKeyAccountTo);
   _KeepWhatIsLeft(pass);
+}
+
+// The handler left the message where it is, in control/, to be looked at again: what this pass has sent and reported is
+// not to be sent and reported then. Where there was nothing of that the file stays as it came.
+void SSMTPRouterModule::_LetWait(Pass const &pass, SStringList const &done) {
+  _TakeBack(pass, done);
+  bool const isShorter = IsInLine() || !(GetControl().Get(kKeyChannelTo) == pass.given);
+  if (isShorter && CommitBarrier()) (void)GetControl().Write();  // untaken, the whole message is looked at again
 }
 
 // The recipients of a message with nothing for an account here are all served: what was made of it is durable, then the

@@ -55,9 +55,7 @@ std::string_view TakeLine(std::string_view &text) {
   return line;
 }
 
-// Whether a text is one address and nothing else: brackets on both sides or on neither, and no blank, bracket or
-// control byte inside, but in quotes. The parser is milder: it drops blanks and what stands around the brackets, so
-// that a slip would send the message to an address that nobody wrote.
+// Brackets stand on both sides or on neither; no blank, bracket or control byte inside but in quotes.
 bool IsOneAddress(std::string_view text) {
   if (text.starts_with('<') && text.ends_with('>')) text = text.substr(1, text.size() - 2);
   bool quoted = false;
@@ -119,6 +117,8 @@ char const *AcceptResultText(SAcceptResult result) {
                       [result](ResultRow const &row) { return row.result == result; })
       ->text;
 }
+
+bool IsMailAddress(SString const &text) { return IsOneAddress(text.View()) && S821Address(text).IsValid(); }
 
 bool IsHeaderLine(char const *line, size_t length, bool first) {
   size_t colon = 0;

@@ -31,6 +31,11 @@ enum class SAcceptResult {
 // What happened, in words for an error line: "disk full".
 char const *AcceptResultText(SAcceptResult result);
 
+// Whether a text is one address and nothing else, with or without angle brackets: valid, and without a blank, bracket
+// or control byte inside but in quotes. The parser is milder: it drops blanks and what stands around the brackets, so
+// that a slip would send the message to an address that nobody wrote.
+bool IsMailAddress(SString const &text);
+
 // Whether a line (without its line end) may stand in a header: a field name of printable characters, optional blanks
 // and a colon, or, unless it is the first line, a blank or tab and anything.
 bool IsHeaderLine(char const *line, size_t length, bool first);

@@ -116,6 +116,16 @@ void SControl::PutFilename(SString const &name) {
   _path = name.Index('/') >= 0 ? name : _controlDir + name + kControlSuffix;
 }
 
+void SControl::PutFreeFilename(SString const &name) {
+  int const error = errno;
+  auto const isTaken = [this] {
+    return FileExists(_path) || FileExists(GetHeaderFilename()) || FileExists(GetBodyFilename());
+  };
+  PutFilename(name);
+  for (int number = 1; isTaken(); ++number) PutFilename(name + SString(number));
+  errno = error;  // a name that is free is no failure
+}
+
 SString SControl::GetHeaderFilename() const { return _messageDir + GetFilename() + kHeaderSuffix; }
 SString SControl::GetBodyFilename() const { return _messageDir + GetFilename() + kBodySuffix; }
 

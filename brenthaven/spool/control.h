@@ -42,6 +42,9 @@ public:
   SString GetFilename() const override;  // the message name
   // A name with a "/" is a full path and is kept as it is; any other means control directory + name + "-Control".
   void PutFilename(SString const &name) override;
+  // The same for a new message name. Where a control, header or body still stands under it, the first number that is
+  // free goes behind it.
+  void PutFreeFilename(SString const &name);
   SString GetControlFilename() const { return _path; }
   SString GetHeaderFilename() const;
   SString GetBodyFilename() const;

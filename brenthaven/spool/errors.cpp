@@ -32,7 +32,11 @@ void FillNewErrorReport(SControl &control, SErrorNumbers const &numbers, SString
   FillErrorReport(control, numbers, error, origin, text);
 }
 
-SString NewErrorName(int &counter) { return MessageIdDate() + "." + ProcessIdString() + "." + SString(counter++); }
+SControl NewErrorControl(int &counter) {
+  SControl control;
+  control.PutFreeFilename(MessageIdDate() + "." + ProcessIdString() + "." + SString(counter++));
+  return control;
+}
 
 int IsLoggedInstead(SControl const &control, SStringList const &text) {
   if (!control.Get(kKeyTrace).Contains(kModuleErrorHandler)) return 0;
@@ -57,7 +61,7 @@ unsigned int ProcessError(SControl &control, SString const &error, SString const
 unsigned int ProcessError(SString const &error, SString const &location, SStringList const &text,
                           SString const &module) {
   SErrorNumbers const numbers;
-  SControl control(NewErrorName(g_next_error));
+  SControl control = NewErrorControl(g_next_error);
   FillNewErrorReport(control, numbers, error, OriginOf(location, module), text);
   if (!control.Write()) return 0;
   (void)control.Notify();
@@ -68,7 +72,7 @@ void ProcessNotifyError(SControl const &control, SString const &error, SString c
                         SStringList const &text) {
   SErrorNumbers const numbers;
   if (IsLoggedInstead(control, text)) return;
-  SControl report(NewErrorName(g_next_error));
+  SControl report = NewErrorControl(g_next_error);
   FillNewErrorReport(report, numbers, error, OriginOf(location), text);
   if (!report.Write()) WriteLog(report.Text() + "\n");
   (void)report.Notify();

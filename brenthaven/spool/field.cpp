@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr char kLineEnd[] = "\r\n";
-
 // A look that leaves errno alone: an error report names the call that failed, not a file that was rightly missing.
 bool IsThere(SString const &path) {
   int const error = errno;
@@ -71,11 +69,7 @@ void SField::UnlockFile() {}
 
 SString SField::Text() const {
   SString text;
-  for (SString const &key : Keys()) {
-    SStringList const values = Get(key);
-    if (values.Length() == 0) (text += key + " ") += kLineEnd;
-    for (SString const &value : values) (((text += key) += ' ') += FoldedFieldValue(value)) += kLineEnd;
-  }
+  text << *this;
   return text;
 }
 

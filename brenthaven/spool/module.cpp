@@ -189,7 +189,7 @@ unsigned int SModule::ProcessError(SControl &control, SString const &error, SStr
 
 unsigned int SModule::ProcessError(SString const &error, SString const &location, SStringList const &text) {
   SErrorNumbers const numbers;
-  SControl control(NewErrorName(g_next_error));
+  SControl control = NewErrorControl(g_next_error);
   FillNewErrorReport(control, numbers, error, _Origin(location), text);
   return HandOver(control);
 }
@@ -215,7 +215,7 @@ void SModule::ProcessNotifyError(SControl const &control, SString const &error, 
                                  SStringList const &text) {
   SErrorNumbers const numbers;
   if (IsLoggedInstead(control, text)) return;
-  SControl report(NewErrorName(g_next_error));
+  SControl report = NewErrorControl(g_next_error);
   FillNewErrorReport(report, numbers, error, _Origin(location), text);
   if (HandOver(report)) return;
   WriteLog(report.Text() + "\n");

@@ -15,8 +15,9 @@ void FillErrorReport(SControl &control, SErrorNumbers const &numbers, SString co
 // The same for a new control, which gets its type and priority in front.
 void FillNewErrorReport(SControl &control, SErrorNumbers const &numbers, SString const &error, SString const &origin,
                         SStringList const &text);
-// Name of a new error control: date, process and the counter, which goes up by one.
-SString NewErrorName(int &counter);
+// A control for a new report: its name is date, process and the counter, which goes up by one. A report that has that
+// name already, by the other counter in the same millisecond, keeps its file.
+SControl NewErrorControl(int &counter);
 // 1 when the error handler had a hand in the control, so that a report on it would never end: the text is then on the
 // log stream and nothing else is to be done.
 int IsLoggedInstead(SControl const &control, SStringList const &text);

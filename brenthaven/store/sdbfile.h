@@ -12,11 +12,11 @@ inline constexpr char const *kProductWord = "Brenthaven";
 // A cursor on keys below "SOFTWARE\Tarnwick\" + product + "\" + module. Every value is a list of strings:
 //
 //   no item holds a NUL   REG_MULTI_SZ  items joined by one NUL, then two NUL bytes (an empty list: two NUL bytes)
-//   some item holds one   REG_BINARY    count, NUL, then for each item its length, NUL and its bytes; numbers in
-//   decimal
+//   some item holds one   REG_BINARY    count, NUL, then for each item its length, NUL and its bytes
 //
-// No other type is read: a value entered by hand as REG_SZ is simply not seen. Failures give 0 or an empty list, which
-// callers take as "not set"; ReadFailed tells a store that could not be read from one that lacks the value.
+// Count and lengths are decimal digits. No other type is read: a value entered by hand as REG_SZ is simply not seen.
+// Failures give 0 or an empty list, which callers take as "not set"; ReadFailed tells a store that could not be read
+// from one that lacks the value.
 //
 // The root is the key of the first successful Open; absolute paths start there. Until then every Open tries the
 // module's full path again, and Get finds nothing. Copies share the open keys of the original, which stay open as long

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <iostream>
 #include <string_view>
+#include <utility>
 
 #include "brenthaven/platform/barrier.h"
 #include "brenthaven/platform/descriptor.h"
@@ -77,17 +78,17 @@ void CopyTree(SBTree &tree, SString const &suffix) {
 
 }  // namespace
 
-// Holds the shared lock of the attribute tree, and brings the index tree up to date under it for those who scan that.
+// One read section, which brings the index tree up to date for those who scan that.
 class SObjectDB::ReadSection {
 public:
   enum class Of { kAttributes, kIndex };
   ReadSection(SObjectDB &store, Of what) : _store(store) {
-    _store._attributes.LockRead();
-    if (what == Of::kIndex) _store._index.Refresh();
+    _store.LockRead();
+    if (what == Of::kIndex && !std::exchange(_store._indexIsCurrent, true)) _store._index.Refresh();
   }
   ReadSection(ReadSection const &) = delete;
   ReadSection &operator=(ReadSection const &) = delete;
-  ~ReadSection() { _store._attributes.UnlockRead(); }
+  ~ReadSection() { _store.UnlockRead(); }
 
 private:
   SObjectDB &_store;
@@ -109,6 +110,17 @@ void SObjectDB::ReOpen() {
     tree->Close();
     tree->Open();
   }
+}
+
+// The shared lock of the attribute tree orders readers of both trees against every writer.
+void SObjectDB::LockRead() {
+  if (_readers++ > 0) return;
+  _indexIsCurrent = false;
+  _attributes.LockRead();
+}
+
+void SObjectDB::UnlockRead() {
+  if (--_readers == 0) _attributes.UnlockRead();
 }
 
 void SObjectDB::LockWrite() {

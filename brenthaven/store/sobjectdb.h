@@ -43,6 +43,9 @@ public:
   // the write section.
   void Init(SString const &name, int, _Attribute const *table);
   void ReOpen();
+  // The reads in between see one state, under one lock in place of one for each. Nests; no write section begins inside.
+  void LockRead();
+  void UnlockRead();
   void LockWrite();    // attribute tree first, then index tree
   void UnlockWrite();  // index tree first, attribute tree last: readers wait on the latter
 
@@ -106,5 +109,7 @@ private:
   SBTree _attributes;
   SBTree _index;
   _Attribute const *_table = nullptr;
-  int _count = 0;  // rows of the table
+  int _count = 0;                // rows of the table
+  int _readers = 0;              // read sections within one another
+  bool _indexIsCurrent = false;  // as of the lock that the outermost one holds
 };

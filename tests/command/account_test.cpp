@@ -25,7 +25,7 @@ TEST_F(AccountCommandTest, CallAndAnswerTable) {
       {{"account", "add", "ann", "--address", "other@example.org"}, EX_CANTCREAT, ""},
       {{"account", "add", "bob", "--address", "ann@example.org"}, EX_CANTCREAT, ""},
       {{"account", "show", "bob"}, EX_NOUSER, ""},  // half an account would take mail that it cannot deliver
-      {{"account", "add", "bob", "--address", "no@@address"}, EX_DATAERR, ""},
+      {{"account", "add", "bob", "--address", "no address"}, EX_DATAERR, ""},
       {{"account", "add", "../bob", "--address", "bob@example.org"}, EX_DATAERR, ""},
       {{"account", "add", "--name", "Bob Ray", "--address", "bob@example.org"}, 0, "Bob_Ray\n"},
       {{"account", "set", "Bob_Ray", "SMTP-Address", "bob@example.org", "ray@example.org"}, 0, ""},

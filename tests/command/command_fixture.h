@@ -25,6 +25,10 @@ protected:
     return RunProgram(COMMAND_PROGRAM, args, input);
   }
   void Init() const {
+    for (char const *name : {"messages", "control", "deferred", "mailboxes", "run", "config"}) {
+      std::error_code kept;  // what is not empty belongs to an instance that was made before
+      std::filesystem::remove(Path(name), kept);
+    }
     ProgramRun const run = Brenthaven({"init", "--domain", "example.org", "--host", "mail.example.org"});
     ASSERT_EQ(run.code, 0) << run.err;
   }

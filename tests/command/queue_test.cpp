@@ -12,7 +12,7 @@ protected:
   void PutMessage(std::string const &directory, std::string const &name, std::string const &more = "") const {
     PutFile(directory + "/" + name + "-Control",
             "Function: SMTP-Router\r\nControl-Type: Mail\r\nPriority: 1\r\nUser-From: SMTP <a@b.c>\r\n"
-            "Channel-To: SMTP <ann@example.org>\r\n" +
+            "Host-From: b.c [192.0.2.7]\r\nChannel-To: SMTP <ann@example.org>\r\n" +
                 more);
     PutFile("messages/" + name + "-Header", "From: Bob\r\nSubject: a\r\n b\r\n");
     PutFile("messages/" + name + "-Body", "hello\r\n");
@@ -67,9 +67,6 @@ TEST_F(QueueCommandTest, HoldReleaseShowAndRemove) {
     EXPECT_NE(shown.find(part), std::string::npos) << part << shown;
   EXPECT_EQ(Brenthaven({"queue", "release", "m1"}).code, 0);  // with a word on the dispatcher that does not run
   EXPECT_TRUE(Exists("control/m1-Control"));
-  PutMessage("control/held", "m1", "Defer-Reason: other\r\n");
-  EXPECT_EQ(Brenthaven({"queue", "release", "m1"}).code, 0) << "the waiting one is found first or the move is refused";
-  std::filesystem::remove(Path("control/held/m1-Control"));
   Good({"queue", "remove", "m1"});
   EXPECT_TRUE(SpoolIsEmpty());
   for (char const *call : {"show", "hold", "release", "remove"})
@@ -80,7 +77,7 @@ TEST_F(QueueCommandTest, HoldReleaseShowAndRemove) {
 
 TEST_F(QueueCommandTest, RunDeliversAndTheMailboxCommandsShowIt) {
   PutMessage("deferred/SMTP-Router", "m1");
-  Good({"queue", "run"});
+  EXPECT_EQ(Brenthaven({"queue", "run"}).code, 0);  // what the module logs goes to standard error
   EXPECT_EQ(Brenthaven({"queue", "run", "No-Such"}).code, EX_UNAVAILABLE);
   EXPECT_EQ(Brenthaven({"queue", "run", "../bin/brenthaven"}).code, EX_UNAVAILABLE);
   EXPECT_TRUE(SpoolIsEmpty());

@@ -44,7 +44,8 @@ int main(int argc, char **argv) {
     return 0;
   }
   if (argc == 2 && strcmp(argv[1], "Serve") == 0 && !plain) {
-    for (std::string name; std::getline(std::cin, name);) std::cout << Process(name) << std::endl;
+    for (std::string name; std::getline(std::cin, name);)
+      std::cout << (Begins(name, "chatter") ? "Looking at it\n" : "") << Process(name) << std::endl;
     return 0;
   }
   if (argc != 3 || strcmp(argv[1], "MessageFile") != 0) return 105;

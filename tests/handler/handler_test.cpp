@@ -276,6 +276,37 @@ TEST_F(HandlerTest, ForwardToAnAddressGoesBackThroughARouter) {
   EXPECT_EQ(Files("messages").size(), 6u);
 }
 
+// The router that the handler runs writes the message's own control, which no longer names the accounts that this pass
+// has expanded: the copies for their agents must be on disk by then.
+TEST_F(HandlerTest, CopiesAreOnDiskBeforeARouterShortensTheControl) {
+  setenv("SpoolSync", "fsync", 1);
+  AddAccount("ann", {{"Local-Delivery", {"Shelf"}}, {"Channel-Delivery", {"SMTP <ann@far.example>"}}});
+  PutMail("m", {"Account-To: ann"});
+  SAccountHandlerModule module;
+  ASSERT_EQ(module.LoadEnv(), 1u);
+  struct Order {
+    std::string opened;  // the file that the next flush is for
+    bool flushed = false, flushedAtWrite = false, written = false;
+  } order;
+  sys::SetHook(
+      [](sys::CallInfo const &call, void *context) {
+        Order &seen = *static_cast<Order *>(context);
+        std::string const name = call.name, path = call.path;
+        if (name == "open") seen.opened = path;
+        if (name == "fsync" && seen.opened.ends_with("/m-Shelf-Control")) seen.flushed = true;
+        if (name == "rename" && path.ends_with("/m-Control.temp") && !seen.written) {
+          seen.written = true;
+          seen.flushedAtWrite = seen.flushed;
+        }
+        return 0;
+      },
+      &order);
+  EXPECT_EQ(module.ProcessMessageName("m"), kModuleDone);
+  sys::SetHook(nullptr, nullptr);
+  EXPECT_TRUE(order.written);
+  EXPECT_TRUE(order.flushedAtWrite);
+}
+
 TEST_F(HandlerTest, LongChainOfForwardsGoesOnByFile) {
   constexpr int kLinks = 30;
   for (int i = 0; i < kLinks; ++i)

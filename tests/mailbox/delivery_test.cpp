@@ -196,6 +196,14 @@ TEST_F(DeliveryTest, FailuresOfAnEarlierBatchAreSettledInTheLast) {
   EXPECT_EQ(Reports(), Texts{"Mailbox-Deliver:DeliverMessage (OverQuota)"});
 }
 
+TEST_F(DeliveryTest, LastBatchThatDeliversNothingKeepsTheFailuresOfEarlierOnes) {
+  PutMessage("m", "Mailbox-Deliver",
+             {"Deliver-To: Mailbox late", "Temp-Failures: Mailbox later", "Over-Quota: Mailbox full"});
+  Deliver("m");
+  EXPECT_EQ(Field("deferred/Mailbox-Deliver/m-Control", "Deliver-To:"),
+            (Texts{"Mailbox full", "Mailbox later", "Mailbox late"}));
+}
+
 TEST_F(DeliveryTest, MissingMessageFilesDeferWithOneReport) {
   AddAccount("ann");
   struct {

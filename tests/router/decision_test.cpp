@@ -79,6 +79,7 @@ TEST_F(DecisionTest, WhatNobodyHasHereIsRefused) {
 }
 
 TEST_F(DecisionTest, EachLocalDomainHasAPostmaster) {
+  AddAccount("Postmaster", {});
   Check({
       {"any case, once", "<POSTMASTER@example.org> <postmaster@mail.example.org>",
        "to Postmaster (<POSTMASTER@example.org>)"},

@@ -66,6 +66,25 @@ int RefuseMailboxOf(sys::CallInfo const &call, void *part) {
 }
 
 // The pass stops in the handler, with the copy for the remote host sent and one of two local recipients served.
+// Mail for a postmaster who has no account stays in control/, and is looked at again and again.
+TEST_F(HandOverTest, MailThatWaitsForAPostmasterIsNotSentElsewhereAgain) {
+  PutMessage("m", {"SMTP <postmaster@example.org>", "SMTP <x@far.example>", "SMTP <nobody@example.org>"});
+  for (int run = 0; run < 3; ++run) {
+    SSMTPRouterModule router;
+    ASSERT_EQ(router.LoadEnv(), 1u);
+    EXPECT_EQ(router.ProcessMessageName("m"), kModuleDone);
+  }
+  EXPECT_EQ(PathsOf("SMTP-Deliver").size(), 1u);
+  EXPECT_EQ(PathsOf("Error-Handler").size(), 1u);
+  EXPECT_EQ(PathsOf("SMTP-Router"), Texts{"control/m-Control"});
+  AddAccount("Postmaster", {"postmaster@example.org"}, {{"Local-Delivery", {"Mailbox"}}});
+  SSMTPRouterModule router;
+  ASSERT_EQ(router.LoadEnv(), 1u);
+  EXPECT_EQ(router.ProcessMessageName("m"), kModuleDone);
+  EXPECT_EQ(Stored("Postmaster"), 1);
+  EXPECT_EQ(Controls().size(), 2u);
+}
+
 TEST_F(HandOverTest, FailedHandOverIsResumedForWhatIsLeft) {
   Dispatcher dispatcher;
   PutMessage("m", {"SMTP <x@far.example>", "SMTP <shelf@example.org>", "SMTP <ann@example.org>",

@@ -91,6 +91,10 @@ TEST_F(AcceptTest, WhatCanNotBeSentIsRefusedAndLeavesNothing) {
       {"a recipient that is none", [](SAcceptance &a) { a.AddRecipient("<>"); }, SAcceptResult::kBadAddress},
       {"a recipient with a line of its own", [](SAcceptance &a) { a.AddRecipient("b@x.org\r\nFunction: Evil"); },
        SAcceptResult::kBadAddress},
+      {"two words, which the parser would join", [](SAcceptance &a) { a.AddRecipient("<b c@x.org>"); },
+       SAcceptResult::kBadAddress},
+      {"something behind the address", [](SAcceptance &a) { a.AddRecipient("<b@x.org> c@x.org"); },
+       SAcceptResult::kBadAddress},
       {"a broken sender", [](SAcceptance &a) { a.SetSender("@example.org"); }, SAcceptResult::kBadAddress},
       {"one recipient too many",
        [](SAcceptance &a) {

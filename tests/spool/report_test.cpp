@@ -77,6 +77,15 @@ TEST_F(ReportTest, OriginIsTheModulesOrTheEnvironments) {
   }
 }
 
+TEST_F(ReportTest, ReportsOfOneMomentKeepOutOfEachOthersFiles) {
+  constexpr int kReports = 300;  // more than one in a millisecond
+  for (int i = 0; i < kReports; ++i) {
+    EXPECT_EQ(module.ProcessError("Bad", "Load", text), 1U);
+    EXPECT_EQ(::ProcessError("Bad", "Load", text, "Dispatch"), 1U);
+  }
+  EXPECT_EQ(Files().size(), 2U * kReports);
+}
+
 TEST_F(ReportTest, NumbersAreThoseOfTheCall) {
   errno = ENOSPC;
   SetSocketErrorNo(ECONNREFUSED);

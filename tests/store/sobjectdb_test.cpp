@@ -245,6 +245,32 @@ TEST_F(ObjectStoreTest, DamageIsToldApartFromAbsence) {
   }
 }
 
+TEST_F(ObjectStoreTest, WritersWaitForTheEndOfAReadSectionHoweverManyReadsItHas) {
+  Put("o", kName, {"1"});
+  Peer writer([](Peer &parent) {
+    SObjectDB other("T.", 0, kTable);
+    if (!parent.Hear()) return 1;
+    parent.Tell();
+    other.LockWrite();
+    unsigned const result = other.SetAttrib(kName, "o", {"2"}, 0);
+    other.UnlockWrite();
+    return result ? 0 : 2;
+  });
+  store.LockRead();
+  store.LockRead();
+  EXPECT_EQ(store.GetStringAttrib(kName, "o"), "1");
+  store.UnlockRead();
+  writer.Tell();
+  ASSERT_TRUE(writer.Hear());
+  writer.WaitUntilBlocked();
+  EXPECT_EQ(store.GetStringAttrib(kName, "o"), "1");
+  EXPECT_EQ(Joined(store.ListValues(kName)), "1");
+  store.UnlockRead();
+  EXPECT_EQ(writer.Result(), 0);
+  EXPECT_EQ(store.GetStringAttrib(kName, "o"), "2");
+  EXPECT_EQ(Joined(store.ListValues(kName)), "2");
+}
+
 TEST_F(ObjectStoreTest, ReadersSeeIndexAndAttributesOfOneMoment) {
   Put("o", kName, {"0"});
   constexpr int kRounds = 100;
