@@ -32,8 +32,6 @@
 #include "brenthaven/spool/accept.h"
 #include "brenthaven/spool/instance.h"
 
-extern char **environ;
-
 namespace {
 
 namespace fs = std::filesystem;
@@ -47,7 +45,7 @@ constexpr std::chrono::milliseconds kLook{2};  // between two looks at control/
 constexpr std::chrono::seconds kPatience{120};
 
 struct Options {
-  int messages = 500;
+  int messages = 250;
   std::string directory = fs::temp_directory_path();
   std::string only;  // one of the three measurements
 };
@@ -78,6 +76,7 @@ std::string BuildDirectory() { return fs::read_symlink("/proc/self/exe").parent_
 // A started program; its standard error goes where ours goes.
 pid_t Start(std::string const &path, std::vector<std::string> words, std::string const &input = "/dev/null") {
   std::vector<char *> argv;
+  argv.reserve(words.size() + 1);
   for (std::string &word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
@@ -336,7 +335,7 @@ int main(int argc, char **argv) {
   if (!ReadOptions(argc, argv, options)) {
     fprintf(stderr,
             "usage: bench_road [-n MESSAGES] [-d DIRECTORY] [-o process|dispatcher|inject]\n"
-            "  -n  messages to one recipient in each measurement, default 500; to %d recipients a tenth of it\n"
+            "  -n  messages to one recipient in each measurement, default 250; to %d recipients a tenth of it\n"
             "  -d  where the scratch instance is made, default the directory for temporary files\n"
             "  -o  only this measurement\n",
             kMany);

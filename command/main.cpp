@@ -2,8 +2,10 @@
 // others expect there.
 #include <sysexits.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 
 #include "command/command.h"
 
@@ -15,9 +17,7 @@ bool IsSendmailName(char const *program) {
   return name == "sendmail" || name == "mailq" || name == "newaliases";
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
+int Run(int argc, char **argv) {
   if (argc > 0 && IsSendmailName(argv[0])) return SendmailMain(argc, argv);
 
   Command command;
@@ -45,4 +45,15 @@ int main(int argc, char **argv) {
     return result == 0 ? 0 : EX_USAGE;  // 0: help was asked for
   }
   return command.code;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  try {
+    return Run(argc, argv);
+  } catch (std::exception const &error) {  // the option parser's, or memory that ran out
+    fprintf(stderr, "brenthaven: %s\n", error.what());
+    return EX_SOFTWARE;
+  }
 }

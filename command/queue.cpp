@@ -41,7 +41,7 @@ SStringList RecipientsOf(SControl const &control) {
 // Why the message waits: the error it was filed for, what the last pass noted, or nothing.
 SString ReasonOf(SControl const &control) {
   for (char const *key : {kKeyError, kKeyDeferReason})
-    if (SString const reason = control.Get(key).Get(0); reason.Length() > 0) return reason;
+    if (SString reason = control.Get(key).Get(0); reason.Length() > 0) return reason;
   return {};
 }
 

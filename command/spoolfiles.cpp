@@ -14,8 +14,6 @@
 #include "brenthaven/text/sstringlist.h"
 #include "command/command.h"
 
-extern char **environ;
-
 namespace {
 
 constexpr int kDeepest = 2;  // deferred/MODULE/HOST
@@ -27,7 +25,10 @@ void Collect(SString const &directory, std::string const &place, int depth, std:
     if (sys::Lstat(path, &info) != 0) continue;  // went on its way meanwhile
     std::string const name = ToStd(BaseName(path));
     if (S_ISDIR(info.st_mode)) {
-      if (depth > 0) Collect(path, place + (place == "deferred" ? ":" : "/") + name, depth - 1, files);
+      if (depth == 0) continue;
+      std::string below = place;
+      below.append(place == "deferred" ? ":" : "/").append(name);
+      Collect(path, below, depth - 1, files);
     } else if (S_ISREG(info.st_mode) && name.ends_with(kControlSuffix)) {
       files.push_back({ToStd(BaseName(path, kControlSuffix)), ToStd(path), place, info.st_mtime});
     }

@@ -26,8 +26,6 @@
 #include "brenthaven/text/base.h"
 #include "dispatcher/notification.h"
 
-extern char **environ;
-
 namespace {
 
 using std::chrono::milliseconds;
@@ -94,7 +92,7 @@ bool ForEachEntry(std::string const &directory, Visit const &visit) {
 
 // A file in control/ that no module is to be started for at present.
 struct Dispatcher::Parked {
-  std::string function;  // empty: the file could not be understood
+  std::string function;  // what the file names; no module's name when it could not be understood
   long long changed;     // its change time in nanoseconds; a file that changed since is looked at anew
   Clock::time_point until;
   bool seen;  // in the scan that is under way
@@ -532,8 +530,8 @@ void Dispatcher::_ScanOne(std::string const &name, long long changed) {
   auto const known = _parked.find(name);
   if (known != _parked.end() && known->second.changed == changed) {
     known->second.seen = true;
-    if (known->second.function.empty() || Clock::now() < known->second.until || !_IsInstalled(known->second.function))
-      return;
+    std::string const &function = known->second.function;
+    if (Clock::now() < known->second.until || (IsModuleName(function) && !_IsInstalled(function))) return;
   }
   SControl control((SString(name)));
   std::string const function =
@@ -543,8 +541,11 @@ void Dispatcher::_ScanOne(std::string const &name, long long changed) {
     _jobs.Add(name, function, priority < 0 ? kLowestPriority : priority, true);
     return;
   }
-  if (!IsModuleName(function)) _Log("WAIT::" + name + ":names no module");
-  _parked[name] = {function, changed, {}, true};
+  bool const isNamed = IsModuleName(function);
+  if (!isNamed) _Log("WAIT::" + name + ":names no module");
+  // It may be the reading that failed, so such a file is looked at again, but not at each scan.
+  _parked[name] = {function, changed, isNamed ? Clock::time_point() : Clock::now() + seconds(_settings.queueInterval),
+                   true};
 }
 
 // Files that a dead process was writing, and requests that nobody waits for any more.

@@ -1,11 +1,10 @@
 // From account names to deliveries, by the accounts' attributes.
-#include <cstdio>
-
 #include "brenthaven/accounts/accountdb.h"
 #include "brenthaven/accounts/attributes.h"
 #include "brenthaven/accounts/special.h"
 #include "brenthaven/handler/pass.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/spool/log.h"
 #include "brenthaven/store/sdbfile.h"
 #include "brenthaven/text/base.h"
 
@@ -76,9 +75,8 @@ void SAccountHandlerModule::_ArchiveAccount(SString const &name, SAccount const 
   if (account.GetString(kAttrArchiveRule).Length() == 0 || account.Get(kAttrListName).Length() > 0) return;
   Sdbfile settings(GetModuleName(), 0, kProductWord);
   if (!settings.Open("/Config", 0) || settings.Get("Archive-Enabled").Get(0) != "yes") return;
-  SString const line = LogFileDate() + ":" + GetModuleName() + ":Archiving is not available: Archive-Rule of " + name +
-                       " does nothing\n";
-  (void)fwrite(line, 1, static_cast<size_t>(line.Length()), stderr);  // a log that can't be written can't say so
+  WriteLogLine(LogFileDate() + ":" + GetModuleName() + ":Archiving is not available: Archive-Rule of " + name +
+               " does nothing");
 }
 
 // The control in memory as it stands behind the expansion. A file holds it when a writer saves it.

@@ -1,11 +1,9 @@
 // What mailbox delivery tells people: log lines, and the lists of an error report.
-#include <algorithm>
-#include <cstdio>
-
 #include "brenthaven/accounts/accountdb.h"
 #include "brenthaven/mailbox/mailboxdeliver.h"
 #include "brenthaven/mailbox/maillog.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/spool/log.h"
 #include "brenthaven/text/base.h"
 
 namespace {
@@ -26,15 +24,7 @@ SString LogName(SString const &message) { return BaseName(message) + "-" + kMail
 
 }  // namespace
 
-void WriteMailLog(SString const &fields) {
-  SString const head = LogFileDate() + ":" + ProcessIdString() + ":";
-  std::string line(head.View());
-  line.append(fields.View());
-  auto const isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20; };
-  std::replace_if(line.begin(), line.end(), isControl, '?');
-  line.push_back('\n');
-  (void)fwrite(line.data(), 1, line.size(), stderr);  // a log that can't be written holds no mail back
-}
+void WriteMailLog(SString const &fields) { WriteLogLine(LogFileDate() + ":" + ProcessIdString() + ":" + fields); }
 
 void SMailboxDeliverModule::LogDelivery(SString const &message, SStringList const &entries) {
   if (!_log) return;

@@ -35,7 +35,7 @@ SStringList SplitBy(SString const &text, int limit, Find find) {
     }
     if (separator.start <= pos) {  // nothing between two bytes: the piece is at least one byte long
       separator = find(pos + 1);
-      if (separator.start < 0) {
+      if (separator.start < 0) {  // "^" alone and its like: the byte at pos is lost, to no piece
         ++pos;
         continue;
       }

@@ -1,9 +1,9 @@
 // What follows from the decision: copies for remote hosts, error records, the hand-over to the account handler.
 #include <cerrno>
-#include <cstdio>
 
 #include "brenthaven/router/pass.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/spool/log.h"
 #include "brenthaven/text/base.h"
 
 namespace {
@@ -13,8 +13,7 @@ constexpr char kUnknownSuffix[] = "-Unknown";
 }  // namespace
 
 void LogRouterLine(SString const &module, SString const &text) {
-  SString const line = LogFileDate() + ":" + module + ":" + text + "\n";
-  (void)fwrite(line, 1, static_cast<size_t>(line.Length()), stderr);  // a log that can't be written can't say so
+  WriteLogLine(LogFileDate() + ":" + module + ":" + text);
 }
 
 unsigned int SSMTPRouterModule::_WriteOut(Pass &pass) {

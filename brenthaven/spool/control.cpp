@@ -10,9 +10,9 @@
 #include "brenthaven/platform/nativepath.h"
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/spool/log.h"
 #include "brenthaven/spool/module.h"
 #include "brenthaven/spool/notice.h"
-#include "brenthaven/spool/report.h"
 #include "brenthaven/text/base.h"
 
 namespace {

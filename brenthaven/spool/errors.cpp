@@ -1,8 +1,7 @@
 #include "brenthaven/spool/errors.h"
 
-#include <cstdio>
-
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/spool/log.h"
 #include "brenthaven/spool/report.h"
 
 namespace {
@@ -40,14 +39,8 @@ SControl NewErrorControl(int &counter) {
 
 int IsLoggedInstead(SControl const &control, SStringList const &text) {
   if (!control.Get(kKeyTrace).Contains(kModuleErrorHandler)) return 0;
-  WriteLog(LogFileDate() + ":ProcessNotifyError:" + text.Join() + "\n");
+  WriteLogLine(LogFileDate() + ":ProcessNotifyError:" + text.Join());
   return 1;
-}
-
-void WriteLog(SString const &text) {
-  // The error stream is the last resort: where it fails too, there is nobody left to tell.
-  (void)fwrite(static_cast<char const *>(text), 1, static_cast<size_t>(text.Length()), stderr);
-  (void)fflush(stderr);
 }
 
 unsigned int ProcessError(SControl &control, SString const &error, SString const &location, SStringList const &text) {

@@ -7,6 +7,7 @@
 #include "brenthaven/platform/nativepath.h"
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/spool/log.h"
 #include "brenthaven/spool/notice.h"
 #include "brenthaven/spool/report.h"
 #include "brenthaven/text/base.h"
@@ -132,7 +133,7 @@ int SModule::ProcessMessageName(SString const &name) {
   if (_control.Get(kKeyFunction).Get(0) != _moduleName) return kModuleNotMine;
   SString const type = _control.Get(kKeyControlType).Get(0);
   if (type == kTypeMail) {
-    if (_logging) WriteLog(LogFileDate() + ":" + _moduleName + ":" + _control.GetFilename() + "\n");
+    if (_logging) WriteLogLine(LogFileDate() + ":" + _moduleName + ":" + _control.GetFilename());
     if (!ProcessMail()) _DeferControl();
     return kModuleDone;
   }

@@ -21,6 +21,3 @@ SControl NewErrorControl(int &counter);
 // 1 when the error handler had a hand in the control, so that a report on it would never end: the text is then on the
 // log stream and nothing else is to be done.
 int IsLoggedInstead(SControl const &control, SStringList const &text);
-
-// The log stream is the standard error of the process: one write a line, so that lines of several processes keep whole.
-void WriteLog(SString const &text);

@@ -128,6 +128,16 @@ TEST_F(DispatcherTest, WhatLiesInControlIsStartedAgain) {
   EXPECT_FALSE(Exists("control/old-Control.temp"));
 }
 
+TEST_F(DispatcherTest, FileThatCouldNotBeReadIsLookedAtAgain) {
+  for (char const *key : {"ScanInterval", "QueueInterval"}) Set(key, "1");
+  PutFile("control/torn-Control", "no fields here");
+  StartDispatcher();
+  EXPECT_TRUE(Eventually([&] {
+    std::string const log = FileBytes("log"), line = "WAIT::torn:names no module";
+    return log.find(line) != log.rfind(line);
+  }));
+}
+
 TEST_F(DispatcherTest, BurstLosesNoMessage) {
   Set("ScanInterval", "1");
   StartDispatcher();

@@ -81,6 +81,7 @@ TEST(SplitTest, PiecesFollowTheSeparators) {
       {"abc", "", 3, "<a><b><c>", "as many as there are"},
       {"", ",", 0, "", "nothing"},
       {"abc", "$", 0, "<abc>", "a match at the very end"},
+      {"abc", "^", 0, "<bc>", "an empty match with no other behind it costs a byte"},
       {"abc", "(", 0, "undefined", "a broken expression"},
   };
   ::testing::internal::CaptureStderr();
