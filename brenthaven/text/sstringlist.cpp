@@ -1,5 +1,6 @@
 #include "brenthaven/text/sstringlist.h"
 
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -231,8 +232,11 @@ SStringList::operator char **() const {
   size_t total = 0;
   for (SString const &text : *this) total += text.View().size() + 1;
   auto **vector = Allocate<char *>((static_cast<size_t>(Length()) + 1) * sizeof(char *));
-  char *at = total > 0 ? Allocate<char>(total) : nullptr;
   char **entry = vector;
+  *entry = nullptr;
+  if (Length() == 0) return vector;
+  assert(total > 0);  // a NUL for each string
+  char *at = Allocate<char>(total);
   for (SString const &text : *this) {
     *entry++ = at;
     memcpy(at, text.View().data(), text.View().size());
