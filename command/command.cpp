@@ -57,3 +57,10 @@ SStringList ToList(std::vector<std::string> const &words) {
 }
 
 std::string ToStd(SString const &text) { return std::string(text.View()); }
+
+std::string LocalTimeText(time_t time) {
+  struct tm when;
+  char text[32];
+  if (localtime_r(&time, &when) == nullptr || strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &when) == 0) return "?";
+  return text;
+}

@@ -3,6 +3,7 @@
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -45,6 +46,9 @@ int ExplainAddresses(Command &command, std::vector<std::string> const &addresses
 
 // The program under its other names, "sendmail", "mailq" and "newaliases": an exit code of sysexits.h.
 int SendmailMain(int argc, char **argv);
+
+// "2026-11-24 17:34:04", in local time, for a listing.
+std::string LocalTimeText(time_t time);
 
 // A list of SString from what the command line gave.
 SStringList ToList(std::vector<std::string> const &words);

@@ -2,7 +2,9 @@
 #include <sysexits.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
 #include "brenthaven/accounts/accountdb.h"
 #include "brenthaven/accounts/attributes.h"
@@ -136,7 +138,11 @@ bool MakePostmaster(InitOptions const &options) {
 
 void RunInit(Command &command, InitOptions options) {
   if (command.root.empty()) return Fail(command, EX_USAGE, "no instance named: give --root DIR or set Brenthaven");
-  if (command.root.front() != '/') command.root = std::string(get_current_dir_name()) + "/" + command.root;
+  if (command.root.front() != '/') {
+    std::error_code error;
+    command.root = (std::filesystem::current_path(error) / command.root).string();
+    if (error) return Fail(command, EX_OSERR, "the present directory cannot be found: " + error.message());
+  }
   while (command.root.size() > 1 && command.root.back() == '/') command.root.pop_back();
   for (std::string *name : {&options.domain, &options.host})
     if (name->find_first_of(" \t\r\n@/\\\"'<>") != std::string::npos || name->empty())

@@ -99,13 +99,6 @@ std::vector<StoredMessage> MessagesOf(std::string const &uid) {
   return messages;
 }
 
-std::string TimeText(time_t time) {
-  struct tm when;
-  char text[32];
-  if (localtime_r(&time, &when) == nullptr || strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &when) == 0) return "?";
-  return text;
-}
-
 void ListMailbox(Command &command, MailboxOptions const &options) {
   if (!EnterInstance(command) || !CheckAccount(command, options.uid)) return;
   Json all = Json::array();
@@ -113,12 +106,12 @@ void ListMailbox(Command &command, MailboxOptions const &options) {
     if (options.json)
       all.push_back({{"name", each.name},
                      {"bytes", each.size},
-                     {"time", TimeText(each.time)},
+                     {"time", LocalTimeText(each.time)},
                      {"from", each.from},
                      {"subject", each.subject}});
     else
-      printf("%s  %s  %9lld  %s  %s\n", each.name.c_str(), TimeText(each.time).c_str(), each.size, each.from.c_str(),
-             each.subject.c_str());
+      printf("%s  %s  %9lld  %s  %s\n", each.name.c_str(), LocalTimeText(each.time).c_str(), each.size,
+             each.from.c_str(), each.subject.c_str());
   }
   if (options.json) puts(all.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
 }

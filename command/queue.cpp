@@ -45,13 +45,6 @@ SString ReasonOf(SControl const &control) {
   return {};
 }
 
-std::string SinceText(time_t since) {
-  struct tm when;
-  char text[32];
-  if (localtime_r(&since, &when) == nullptr || strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &when) == 0) return "?";
-  return text;
-}
-
 std::string Joined(SStringList const &list, int limit) {
   std::string text;
   int count = 0;
@@ -63,7 +56,8 @@ std::string Joined(SStringList const &list, int limit) {
 // "NAME  PLACE  MODULE  SINCE  FROM -> TO, TO  (REASON)"
 void PrintLine(SpoolFile const &file, SControl const &control, bool readable) {
   std::string const function = readable ? ToStd(control.Get(kKeyFunction).Get(0)) : "?";
-  printf("%s  %s  %s  %s  ", file.name.c_str(), file.place.c_str(), function.c_str(), SinceText(file.since).c_str());
+  printf("%s  %s  %s  %s  ", file.name.c_str(), file.place.c_str(), function.c_str(),
+         LocalTimeText(file.since).c_str());
   if (!readable) {
     puts("(cannot be read)");
     return;
@@ -74,7 +68,7 @@ void PrintLine(SpoolFile const &file, SControl const &control, bool readable) {
 }
 
 Json Describe(SpoolFile const &file, SControl const &control, bool readable) {
-  Json entry = {{"name", file.name}, {"place", file.place}, {"path", file.path}, {"since", SinceText(file.since)}};
+  Json entry = {{"name", file.name}, {"place", file.place}, {"path", file.path}, {"since", LocalTimeText(file.since)}};
   if (!readable) {
     entry["readable"] = false;
     return entry;

@@ -318,19 +318,14 @@ void Dispatcher::_RunTimers() {
 
 void Dispatcher::_StartJobs() {
   if (_stopping) return;
-  while (!_walks.empty() && _MakeRoom()) _StartWalk();
+  // A walk takes the next free place: it is rare, and under load messages would never leave one.
+  while (!_walks.empty() && _HasRoom()) _StartWalk();
   while (Job *const job = _jobs.Take([this](std::string const &function) { return _CanRun(function); }))
     _StartJob(*job);
   _RetireIdle(Clock::now() - kIdleLife);
 }
 
-bool Dispatcher::_CanRun(std::string const &function) const {
-  if (_processes.size() < static_cast<size_t>(_settings.maxModules)) return true;
-  return std::any_of(_processes.begin(), _processes.end(), [&](auto const &process) {
-    return process->kind == ProcessKind::kServe && process->job == nullptr && !process->Retired() &&
-           process->function == function;
-  });
-}
+bool Dispatcher::_CanRun(std::string const &function) const { return _HasRoom() || _IdleFor(function) != nullptr; }
 
 ModuleProcess *Dispatcher::_IdleFor(std::string const &function) const {
   for (auto const &process : _processes)
@@ -346,7 +341,7 @@ void Dispatcher::_StartJob(Job &job) {
     if (idle->Give(job)) return;
     idle->Retire();  // it has died; its end is on the way
   }
-  if (_processes.size() >= static_cast<size_t>(_settings.maxModules)) return _jobs.Requeue(job);
+  if (!_HasRoom()) return _jobs.Requeue(job);
   std::string const path = _modules + "/" + job.function;
   bool const serve = _oneShot.count(job.function) == 0 && _jobs.WaitingFor(job.function) + 1 >= kServeDepth;
   auto process = ModuleProcess::Start(serve ? ProcessKind::kServe : ProcessKind::kOneShot, path, job.function, job.name,
@@ -364,8 +359,7 @@ void Dispatcher::_CouldNotStart(Job &job) {
   _Retry(job, false);
 }
 
-// A walk takes the next free place: it is rare, and under load messages would never leave one.
-bool Dispatcher::_MakeRoom() { return _processes.size() < static_cast<size_t>(_settings.maxModules); }
+bool Dispatcher::_HasRoom() const { return _processes.size() < static_cast<size_t>(_settings.maxModules); }
 
 void Dispatcher::_StartWalk() {
   std::string const function = _walks.back();
@@ -376,7 +370,7 @@ void Dispatcher::_StartWalk() {
 }
 
 void Dispatcher::_RetireIdle(Clock::time_point longerThan) {
-  bool const full = _processes.size() >= static_cast<size_t>(_settings.maxModules);
+  bool const full = !_HasRoom();
   for (auto const &process : _processes) {
     if (process->kind != ProcessKind::kServe || process->job != nullptr) continue;
     // A full house with work for other modules has no place for idlers.

@@ -54,7 +54,7 @@ private:
   void _StartJob(Job &job);
   void _StartWalk();
   ModuleProcess *_IdleFor(std::string const &function) const;
-  bool _MakeRoom();
+  bool _HasRoom() const;
   void _RetireIdle(Clock::time_point longerThan);
   void _ReapChildren();
   void _ProcessEnded(ModuleProcess &process, int status);
