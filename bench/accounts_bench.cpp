@@ -7,68 +7,17 @@
 //
 // The accounts are made before the clock starts, in a temporary directory that is removed at the end.
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <random>
-#include <string>
 
+#include "bench/accountstore.h"
 #include "brenthaven/accounts/accountdb.h"
 
 namespace {
 
 constexpr unsigned kSeed = 20030304;
-constexpr int kAccountsEach = 10000;  // in one write section
 
-SString Uid(int number) {
-  char text[16];
-  std::snprintf(text, sizeof text, "user%07d", number);
-  return text;
-}
-
-SString AddressOf(int number) { return Uid(number) + "@mail.example.org"; }
-
-// A root of its own; the process reads one store at a time, so each size is a stem of files in it.
-class SScratch {
-public:
-  SScratch() {
-    if (mkdtemp(_root.data()) == nullptr) std::abort();
-    std::filesystem::create_directory(_root + "/config");
-    setenv("Brenthaven", _root.c_str(), 1);
-    setenv("SpoolSync", "no", 1);
-  }
-  ~SScratch() {
-    std::error_code ignored;  // what is left lies in the temporary directory
-    std::filesystem::remove_all(_root, ignored);
-  }
-  SScratch(SScratch const &) = delete;
-  SScratch &operator=(SScratch const &) = delete;
-
-  void Use(int accounts) {
-    SString const stem = SString("Bench") + MakeSString(accounts) + ".";
-    SAccountDBMod().ReOpenDB(stem);
-    if (!std::filesystem::exists(_root + "/config/" + std::string(stem.View()) + "a")) Fill(accounts);
-  }
-
-private:
-  static void Fill(int accounts) {
-    for (int first = 0; first < accounts; first += kAccountsEach) {
-      SAccountDBMod store;
-      for (int i = first; i < first + kAccountsEach; ++i) {
-        SAccountMod account;
-        if (store.ModifyAccount(Uid(i), &account) == 0 || account.Set(kAttrSmtpAddress, AddressOf(i)) == 0)
-          std::abort();
-      }
-    }
-  }
-
-  std::string _root = std::filesystem::temp_directory_path() / "brenthaven-bench-XXXXXX";
-};
-
-SScratch *scratch = nullptr;
+SBenchAccounts *scratch = nullptr;
 
 // Draws the numbers of accounts in the same order in every run.
 class SDraw {
@@ -92,17 +41,17 @@ void LookUp(benchmark::State &state, bool found, Query query) {
 }
 
 void Warm(benchmark::State &state) {
-  LookUp(state, true, [](int number) { return SAccountDB().GetAccountUID("SMTP", AddressOf(number)); });
+  LookUp(state, true, [](int number) { return SAccountDB().GetAccountUID("SMTP", BenchAddress(number)); });
 }
 
 void Absent(benchmark::State &state) {
-  LookUp(state, false, [](int number) { return SAccountDB().GetAccountUID("SMTP", "x" + AddressOf(number)); });
+  LookUp(state, false, [](int number) { return SAccountDB().GetAccountUID("SMTP", "x" + BenchAddress(number)); });
 }
 
 void Get(benchmark::State &state) {
   LookUp(state, true, [](int number) {
     SAccount account;
-    SAccountDB().GetAccountInfo(Uid(number), &account);
+    SAccountDB().GetAccountInfo(BenchUid(number), &account);
     return account.GetString(kAttrSmtpAddress);
   });
 }
@@ -111,7 +60,7 @@ void Cold(benchmark::State &state) {
   LookUp(state, true, [](int number) {
     SAccountDB store;
     store.DBReOpen();
-    return store.GetAccountUID("SMTP", AddressOf(number));
+    return store.GetAccountUID("SMTP", BenchAddress(number));
   });
 }
 
@@ -127,14 +76,11 @@ void Register(int accounts) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  bool const million = argc > 1 && std::strcmp(argv[1], "--million") == 0;
-  if (million) argv[1] = argv[0];
-  int rest = argc - (million ? 1 : 0);
-  char **const arguments = argv + (million ? 1 : 0);
-  benchmark::Initialize(&rest, arguments);
-  if (benchmark::ReportUnrecognizedArguments(rest, arguments)) return 1;
-  SScratch root;
-  scratch = &root;
+  bool const million = TakeMillionFlag(argc, argv);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  SBenchAccounts accounts(false);
+  scratch = &accounts;
   Register(100'000);
   if (million) Register(1'000'000);
   benchmark::RunSpecifiedBenchmarks();

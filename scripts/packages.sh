@@ -3,8 +3,8 @@
 set -euo pipefail
 
 build=(g++ cmake ninja-build make pkg-config libdb1-compat libsqlite3-dev libcrypto++-dev libmd-dev
-       libcli11-dev nlohmann-json3-dev)
-test=(libgtest-dev libgmock-dev libbenchmark-dev)
+       libldap-dev libsasl2-dev libpam0g-dev libsystemd-dev libcrypt-dev libcli11-dev nlohmann-json3-dev)
+test=(libgtest-dev libgmock-dev libbenchmark-dev slapd ldap-utils libsasl2-modules openssl dbus)
 check=(clang-format clang-tidy)
 
 wanted=("${build[@]}")

@@ -10,6 +10,7 @@
 
 class S821Address;
 class Sdbfile;
+struct SLogonPlan;
 
 // What the account classes have in common: names of attributes, lookups in the index, and the settings of the store as
 // a whole, which are the configuration module MTA-Accounts.
@@ -34,6 +35,17 @@ protected:
   SStringList _IndexLookupMultiple(int attribute, SString const &value) const;
   // One cursor for the process, made on first use. Not null; where MTA-Accounts does not exist, every Open fails.
   Sdbfile *_GetMTAAccounts();
+};
+
+// Why a password was not taken, as SAccount::VerifyPassword tells it.
+enum SPasswordError : int {
+  kPasswordNoCause = 0,           // the password is wrong, or the method can't be used
+  kPasswordConfiguration = -1,    // settings are incomplete, or a text is not UTF-8 or holds a NUL
+  kPasswordActiveDirectory = -2,  // Active Directory refused or could not be reached
+  kPasswordDirectory = -3,        // LDAP refused or failed, the reader's bind and search included
+  kPasswordUserName = -4,         // the Active Directory user or its domain is badly formed
+  kPasswordNoEntry = -5,          // the reference directory has no entry for the user
+  kPasswordUnreachable = -6,      // no reference directory could be reached
 };
 
 // Reads one account. An account that was never found has an empty UID and no attributes.
@@ -74,10 +86,27 @@ public:
   // Whether the domain is one of the items or lies below one, whole labels only.
   unsigned _DomainContainedIn(SString domain, SStringList containers);
 
+  // 1 when the password is right for the account, by the one method that the account's attributes choose; there is no
+  // chain from one method to the next. Always 0 for a locked account and for an empty password. The methods that ask a
+  // directory are used only with `external` set. May block for the directory's time-out or the system's logon delay.
+  // `error`, which may be null, is left alone for a locked account or an empty password, and else set to an
+  // SPasswordError.
+  unsigned VerifyPassword(SString const &password, int *error, int external) const;
+  unsigned VerifyPassword(SString const &password, int external) const;
+
 protected:
   friend class SAccountDB;
   friend class SAccountDBMod;
   SString _uid;
+
+private:
+  // A bind at the server of an LDAP url, with the user's own name: an SBindResult. The flags are of logonplan.h.
+  int LdapAuth(SString url, SString user, SString password, int authFlag, int secureFlag) const;
+  // Finds the user's entry below the url with the identity of a directory's reader, and binds as that entry: 0 or an
+  // SPasswordError. No reader's name and no password: anonymously.
+  int LdapAuth2(SString url, SString adminDN, SString adminPassword, SString filter, SString password) const;
+  // One of the two, and again for the second server when the first can't be reached: an SPasswordError.
+  int _AskDirectory(SLogonPlan const &plan, SString const &password) const;
 };
 
 // Writes one account, inside the life of an SAccountDBMod, and ends before it: its end may delete the account.
@@ -94,7 +123,10 @@ public:
   // than their values:
   //   Password          the first value is the plain text; its hash is stored, and, but for template accounts, a copy
   //                     that can be deciphered (SAuxPassword). Empty: 0, but a template takes the hash of "".
-  //   Raw-Password      a finished hash, stored as Password.
+  //                     PasswordScheme of MTA-Accounts chooses the hash ("md5", "yescrypt", "sha512"; another word
+  //                     gives 0); AuxPasswordStore "no" there keeps no copy, and removes one that there was.
+  //   Raw-Password      a finished hash, in one of the forms of storedpassword.h, stored as Password. A copy of the
+  //                     password before it is removed, since it would stay good for some protocols.
   //   Subscribed-Lists  emptied on an account with Remote-SMTP-Address, which exists for its subscriptions alone, it
   //                     marks the account to be deleted when this object ends; filled again, it takes the mark back.
   //   ProgDel-Password  stored covered (Scramble).
@@ -113,6 +145,7 @@ private:
   void _End();                     // deletes the account if it is marked
   int _Store(int attribute, SStringList const &values);
   int _SetPassword(SString const &plain);
+  int _SetStoredPassword(SStringList const &values);  // keeps no copy that can be deciphered
 
   int _deleteOnEnd = 0;
 };

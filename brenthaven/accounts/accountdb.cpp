@@ -91,6 +91,11 @@ void SAccountDB::IndexRangeList(SString const &attributeName, SString const &low
   IndexRangeList(_MapAttrib(attributeName), low, high, values, uids);
 }
 
+void SAccountDB::IndexSlice(int attribute, SString &low, SString const &high, int limit, SStringList *values,
+                            SStringList *uids) const {
+  Store().ListSlice(attribute, low, high, limit, values, uids);
+}
+
 SStringList SAccountDB::IndexList(int attribute) { return Store().ListValues(attribute); }
 
 SStringList SAccountDB::IndexList(SString const &attributeName) { return IndexList(_MapAttrib(attributeName)); }

@@ -50,6 +50,10 @@ public:
                       SStringList *uids) const;
   void IndexRangeList(SString const &attributeName, SString const &low, SString const &high, SStringList *values,
                       SStringList *uids) const;
+  // The first `limit` pairs of such a range, and `low` moved behind them, for walks that stop early or are long: each
+  // call takes the lock for itself. Empty lists are the end.
+  void IndexSlice(int attribute, SString &low, SString const &high, int limit, SStringList *values,
+                  SStringList *uids) const;
   SStringList IndexList(int attribute);  // distinct values
   SStringList IndexList(SString const &attributeName);
   int IndexListCount(int attribute);

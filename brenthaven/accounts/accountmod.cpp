@@ -6,6 +6,7 @@
 #include "brenthaven/accounts/passwords.h"
 #include "brenthaven/accounts/safeuid.h"
 #include "brenthaven/accounts/special.h"
+#include "brenthaven/accounts/storedpassword.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ int SAccountMod::Set(int attribute, SStringList const &values) {
     case kAttrPassword:
       return _SetPassword(values.Get(0));
     case kAttrRawPassword:
-      return _Store(kAttrPassword, values);
+      return _SetStoredPassword(values);
     case kAttrSubscribedLists:
       if (IsRemoteAcct() != 0) _deleteOnEnd = values.Length() == 0;
       return _Store(attribute, values);
@@ -60,9 +61,24 @@ int SAccountMod::Set(int attribute, SStringList const &values) {
 
 int SAccountMod::Set(SString const &name, SStringList const &values) { return Set(_MapAttrib(name), values); }
 
+// The hash first: a password that can't be hashed must not leave a readable copy of itself.
 int SAccountMod::_SetPassword(SString const &plain) {
-  if (!IsTemplateUID(_uid) && SAuxPassword().SetPassword(_uid, plain) == 0) return 0;
-  return _Store(kAttrPassword, SStringList(StringCopy(plain)));
+  accountstore::ReadWatch const reads;
+  SString const scheme = accountstore::Setting("PasswordScheme");
+  bool const keepCopy = accountstore::Setting("AuxPasswordStore") != "no";
+  if (reads.Failed()) return 0;
+  SString const stored = MakeStoredPassword(plain, scheme);
+  if (!stored.Defined()) return 0;
+  if (IsTemplateUID(_uid)) return _Store(kAttrPassword, SStringList(stored));
+  if (plain.Length() == 0) return 0;
+  if (!keepCopy) return _SetStoredPassword(SStringList(stored));
+  return SAuxPassword().SetPassword(_uid, plain) != 0 && _Store(kAttrPassword, SStringList(stored)) != 0;
+}
+
+int SAccountMod::_SetStoredPassword(SStringList const &values) {
+  if (_Store(kAttrPassword, values) == 0) return 0;
+  if (!IsTemplateUID(_uid)) (void)SAuxPassword().DeletePassword(_uid);  // most often there is none
+  return 1;
 }
 
 int SAccountMod::_Store(int attribute, SStringList const &values) {

@@ -57,4 +57,6 @@ Sdbfile &Settings() {
 
 int OpenSettings(int flags) { return Settings().Open("/", flags); }
 
+SString Setting(char const *key) { return OpenSettings(0) != 0 ? Settings().Get(key).Get(0) : SString(); }
+
 }  // namespace accountstore

@@ -19,6 +19,7 @@ namespace {
 constexpr char kModule[] = "AuxPassword";
 constexpr int kCreate = 1;  // make what is missing, and write
 constexpr std::size_t kRandomBytes = 2;
+constexpr int kLongestStored = 1'000'000;  // bytes; the settings give back no value that is much longer
 
 std::unique_ptr<Sdbfile> shared;
 
@@ -80,7 +81,7 @@ SString SAuxPassword::GetPassword(SString uid) {
 unsigned SAuxPassword::SetPassword(SString uid, SString password) {
   if (uid.Length() == 0 || password.Length() == 0) return 0;
   SString const stored = Encipher(password);
-  return stored.Defined() && Store(_mode).Set(uid, stored) != 0;
+  return stored.Defined() && stored.Length() <= kLongestStored && Store(_mode).Set(uid, stored) != 0;
 }
 
 unsigned SAuxPassword::DeletePassword(SString uid) { return uid.Length() > 0 && Store(_mode).DeleteValue(uid) != 0; }

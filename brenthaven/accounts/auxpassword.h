@@ -24,7 +24,8 @@ public:
   // The password, up to its first NUL byte; undefined for an empty UID, for one without a value, and for a value that
   // is not in the form above.
   SString GetPassword(SString uid);
-  // 1 when stored; 0 for an empty UID or password, and when the store refuses.
+  // 1 when stored; 0 for an empty UID or password, for a password of half a million bytes, which could not be read
+  // back, and when the store refuses.
   unsigned SetPassword(SString uid, SString password);
   // 1 when there was a value and it is gone.
   unsigned DeletePassword(SString uid);

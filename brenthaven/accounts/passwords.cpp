@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "brenthaven/accounts/constanttime.h"
 #include "brenthaven/accounts/hexadecimal.h"
 #include "brenthaven/accounts/sitekeys.h"
 #include "brenthaven/platform/dates.h"
@@ -34,6 +35,8 @@ SString MD5(SString const &text) {
   return ToHexadecimal(digest.data(), digest.size());
 }
 
+SString MD5Secret(SString const &text) { return MD5(text + sitekeys::kSecretSuffix); }
+
 SString StringCopy(SString const &plain) {
   SString seed;
   for (int i = 0; i < kRandomSeedBytes; ++i) seed += static_cast<char>(RandomInt(256));
@@ -43,10 +46,7 @@ SString StringCopy(SString const &plain) {
 
 int StringComp(SString const &plain, SString const &stored) {
   if (stored.Length() != kSaltLength + kHashLength) return 0;
-  SString const hash = Hash(stored.Segment(0, kSaltLength), plain);
-  int different = 0;
-  for (int i = 0; i < kHashLength; ++i) different |= hash[i] ^ stored[kSaltLength + i];
-  return different == 0;
+  return SameBytes(Hash(stored.Segment(0, kSaltLength), plain).View(), stored.View().substr(kSaltLength));
 }
 
 SString Scramble(SString const &text, unsigned undo) {

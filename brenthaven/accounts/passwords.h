@@ -5,6 +5,10 @@
 // The MD5 digest (RFC 1321) of the bytes, as 32 lower-case hexadecimal characters.
 SString MD5(SString const &text);
 
+// The same digest of the text and a secret of this build behind it (sitekeys.h): a key that only this installation can
+// have made, such as those that answers to mailing lists are known by.
+SString MD5Secret(SString const &text);
+
 // A salted hash of a password, the form of the attribute Password:
 //
 //   offset  size  meaning

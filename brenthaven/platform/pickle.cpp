@@ -38,7 +38,10 @@ unsigned SPickleFile::Read() {
 }
 
 int SPickleFile::GetInt() {
-  if (_Left() < kIntBytes) return 0;
+  if (_Left() < kIntBytes) {
+    _cut = true;
+    return 0;
+  }
   uint32_t value = 0;
   for (int i = kIntBytes - 1; i >= 0; --i) value = value << 8 | static_cast<unsigned char>(_data.View()[_position + i]);
   _position += kIntBytes;
@@ -48,6 +51,7 @@ int SPickleFile::GetInt() {
 SString SPickleFile::GetString() {
   int const told = GetInt();
   int const length = std::clamp(told, 0, _Left());
+  _cut = _cut || length != told;
   SString text = SString(_data.View().substr(_position, length));
   _position += length;
   return text;
@@ -56,6 +60,7 @@ SString SPickleFile::GetString() {
 SStringList SPickleFile::GetList() {
   int const told = GetInt();
   int const count = std::clamp(told, 0, _Left() / kIntBytes);  // each string has its length at least
+  _cut = _cut || count != told;
   SStringList list;
   for (int i = 0; i < count; ++i) (void)list.Push(GetString());
   return list;
@@ -64,6 +69,7 @@ SStringList SPickleFile::GetList() {
 void SPickleFile::Clear() {
   _data = SString("");
   _position = 0;
+  _cut = false;
 }
 
 void SPickleFile::PutInt(int value) {

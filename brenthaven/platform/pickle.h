@@ -30,6 +30,9 @@ public:
   int GetInt();
   SString GetString();
   SStringList GetList();  // undefined when the count is 0
+  // Whether what was taken out so far stood in the file as it says, and was all of it: a reader that knows the order
+  // tells by it a file that was cut short or is another's.
+  bool WasExact() const { return !_cut && _Left() == 0; }
 
   void Clear();
   void PutInt(int value);
@@ -51,5 +54,6 @@ private:
   SString _data;
   void *_lock = HandleOf(-1);  // handle of the lock file, -1 when not held
   int _position = 0;
+  bool _cut = false;  // a value was shorter than its length, or lay past the end
   bool _was_read = false;  // under the lock that is held
 };

@@ -26,7 +26,8 @@
 namespace {
 
 constexpr size_t kSectionLimit = 1000;        // values; a larger section is asked value by value and not kept
-constexpr size_t kSectionBytes = 256 * 1024;  // likewise
+constexpr size_t kSectionBytes = 256 * 1024;  // likewise, without its large values
+constexpr size_t kLargeValue = 64 * 1024;     // bytes; one that is larger is not kept, and asked for each time
 constexpr size_t kKeptSections = 256;         // sections in memory; all are dropped when one more would be kept
 constexpr int kBusyMilliseconds = 30 * 1000;  // how long a call waits for another process's transaction
 constexpr char const *kStoreFile = "/config/registry.sqlite";
@@ -43,6 +44,7 @@ unsigned readFailed = 0;
 struct Value {
   DWORD type = 0;
   std::string bytes;
+  bool isKept = true;  // false for a large one, whose bytes are in the file alone
 };
 
 // What is known of one key.
@@ -110,6 +112,7 @@ public:
   LONG OpenRoot(bool writable);
   LONG MakeKey(std::string const &key);
   LONG SetValue(std::string const &key, std::string const &name, DWORD type, std::string_view bytes);
+  LONG SetValues(std::string const &key, std::vector<RegValue> const &values);
   LONG DeleteValue(std::string const &key, std::string const &name);
   LONG DeleteKey(std::string const &key);
 
@@ -128,6 +131,8 @@ private:
   LONG _ReadRows(Statement which, std::string const &key, std::function<bool(sqlite3_stmt *)> const &take);
   LONG _Write(std::function<LONG()> const &change);
   LONG _Change(Query &query, LONG whenNone);
+  LONG _CheckKey(std::string const &key);
+  LONG _SetInTransaction(std::string const &key, std::string_view name, DWORD type, std::string_view bytes);
 
   std::string _path;
   sqlite3 *_connection = nullptr;
@@ -281,11 +286,12 @@ LONG Store::Load(std::string const &key, SectionRef &section) {
         loaded->exists = true;
         if (sqlite3_column_type(row, 0) == SQLITE_NULL) return true;  // a key without values
         std::string_view const data = TextColumn(row, 2);
-        bytes += data.size();
+        bool const isKept = data.size() <= kLargeValue;
+        if (isKept) bytes += data.size();
         loaded->whole = loaded->values.size() < kSectionLimit && bytes <= kSectionBytes;
         if (!loaded->whole) return false;
-        loaded->values.emplace(TextColumn(row, 0),
-                               Value{static_cast<DWORD>(sqlite3_column_int64(row, 1)), std::string(data)});
+        loaded->values.emplace(TextColumn(row, 0), Value{static_cast<DWORD>(sqlite3_column_int64(row, 1)),
+                                                         std::string(isKept ? data : ""), isKept});
         return true;
       });
       if (status != ERROR_SUCCESS) return status;
@@ -309,13 +315,13 @@ LONG Store::Find(std::string const &key, std::string const &name, Value &value) 
     auto found = section->values.find(name);
     if (found == section->values.end()) return ERROR_FILE_NOT_FOUND;
     value = found->second;
-    return ERROR_SUCCESS;
+    if (value.isKept) return ERROR_SUCCESS;
   }
   Query query(_Prepared(kFind));
   int const result = query.Text(1, key).Text(2, name).Step();
   if (result == SQLITE_DONE) return ERROR_FILE_NOT_FOUND;
   if (result != SQLITE_ROW) return CantRead();
-  value = {static_cast<DWORD>(sqlite3_column_int64(query.Row(), 0)), std::string(TextColumn(query.Row(), 1))};
+  value = {static_cast<DWORD>(sqlite3_column_int64(query.Row(), 0)), std::string(TextColumn(query.Row(), 1)), true};
   return ERROR_SUCCESS;
 }
 
@@ -404,14 +410,33 @@ LONG Store::MakeKey(std::string const &key) {
   });
 }
 
-LONG Store::SetValue(std::string const &key, std::string const &name, DWORD type, std::string_view bytes) {
+// Whether a key can take values: the key of a handle may have been deleted since.
+LONG Store::_CheckKey(std::string const &key) {
   SectionRef section;
   LONG const status = Load(key, section);
-  if (status != ERROR_SUCCESS) return status == ERROR_FILE_NOT_FOUND ? ERROR_KEY_DELETED : ERROR_CANTWRITE;
-  return _Write([&] {
-    Query query(_Prepared(kSet));
-    query.Text(1, key).Text(2, name).Number(3, type).Blob(4, bytes);
-    return _Change(query, ERROR_KEY_DELETED);
+  if (status == ERROR_FILE_NOT_FOUND) return ERROR_KEY_DELETED;
+  return status == ERROR_SUCCESS ? status : ERROR_CANTWRITE;
+}
+
+LONG Store::_SetInTransaction(std::string const &key, std::string_view name, DWORD type, std::string_view bytes) {
+  Query query(_Prepared(kSet));
+  query.Text(1, key).Text(2, name).Number(3, type).Blob(4, bytes);
+  return _Change(query, ERROR_KEY_DELETED);
+}
+
+LONG Store::SetValue(std::string const &key, std::string const &name, DWORD type, std::string_view bytes) {
+  LONG const status = _CheckKey(key);
+  return status == ERROR_SUCCESS ? _Write([&] { return _SetInTransaction(key, name, type, bytes); }) : status;
+}
+
+LONG Store::SetValues(std::string const &key, std::vector<RegValue> const &values) {
+  LONG const status = _CheckKey(key);
+  if (status != ERROR_SUCCESS) return status;
+  return _Write([&]() -> LONG {
+    for (RegValue const &value : values)
+      if (LONG const set = _SetInTransaction(key, value.name, value.type, value.bytes); set != ERROR_SUCCESS)
+        return set;
+    return ERROR_SUCCESS;
   });
 }
 
@@ -575,6 +600,12 @@ LONG RegSetValueExA(HKEY key, char const *name, DWORD, DWORD type, BYTE const *d
   if (data == nullptr && length > 0) return ERROR_INVALID_PARAMETER;
   return StoreOf(key).SetValue(key->path, name == nullptr ? "" : name, type,
                                std::string_view(reinterpret_cast<char const *>(data), length));
+}
+
+LONG RegSetValuesA(HKEY key, std::vector<RegValue> const &values) {
+  if (key == nullptr) return ERROR_INVALID_HANDLE;
+  if (!HasValues(key) || !key->writable) return ERROR_ACCESS_DENIED;
+  return StoreOf(key).SetValues(key->path, values);
 }
 
 LONG RegDeleteValueA(HKEY key, char const *name) {

@@ -9,13 +9,15 @@
 // is "no". A missing or empty file reads as an empty store, and the first write makes it (mode 0660). A process holds
 // one connection, opened at first use, and opens it anew when Brenthaven changes, when another file stands under the
 // path, or after a fork. Values of a key are read with one query and kept until any process commits a change to the
-// file; keys with very many values (kSectionLimit in the source) are asked value by value.
+// file; keys with very many values and large values (kSectionLimit, kLargeValue in the source) are asked each time.
 //
 // Path rules: components are separated by "\", empty components count for nothing, and an empty path means the key
 // itself. Results are the status codes below; ERROR_FILE_NOT_FOUND is absence, and RegReadFailed tells whether some
 // read since the last RegClearReadFailed failed for another reason, such as a damaged file.
 #pragma once
 #include <cstdint>
+#include <string>
+#include <vector>
 
 using LONG = std::int32_t;
 using DWORD = std::uint32_t;
@@ -66,6 +68,13 @@ LONG RegCloseKey(HKEY key);
 LONG RegQueryValueExA(HKEY key, char const *name, DWORD *reserved, DWORD *type, BYTE *data, DWORD *length);
 // Writes or replaces a value. The key must have been opened with KEY_SET_VALUE and still stand in the store.
 LONG RegSetValueExA(HKEY key, char const *name, DWORD reserved, DWORD type, BYTE const *data, DWORD length);
+// Writes many values in one transaction: all of them, or with a failure none.
+struct RegValue {
+  std::string name;
+  DWORD type = 0;
+  std::string bytes;
+};
+LONG RegSetValuesA(HKEY key, std::vector<RegValue> const &values);
 LONG RegDeleteValueA(HKEY key, char const *name);
 
 // The index-th name in byte order, ERROR_NO_MORE_ITEMS past the end. *length is the size of name with room for the NUL

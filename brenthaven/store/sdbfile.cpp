@@ -12,8 +12,9 @@ namespace {
 constexpr char const *kStoreRoot = "SOFTWARE\\Tarnwick\\";
 constexpr char const *kStoredProduct = "Brent.Haven";
 constexpr int kMaxNameLength = 256;
-constexpr DWORD kFirstBuffer = 2000;       // doubled while the value does not fit
-constexpr DWORD kLargestBuffer = 1048576;  // so 2000 * 512 = 1,024,000 is the last one tried
+constexpr DWORD kFirstBuffer = 2000;         // most values fit
+constexpr DWORD kLargestValue = 1024000;     // of Get
+constexpr DWORD kLargestLongValue = 1 << 28; // of GetLong
 constexpr DWORD kListBuffer = 2000;        // for a name in an enumeration, with its NUL
 constexpr int kCreate = 1;                 // bit 0 of the flags of Open
 
@@ -126,17 +127,23 @@ void Sdbfile::CloseDB() {
   _root = nullptr;
 }
 
-SStringList Sdbfile::Get(SString name) const {
+SStringList Sdbfile::Get(SString name) const { return _Read(name, kLargestValue); }
+
+SStringList Sdbfile::GetLong(SString const &name) const { return _Read(name, kLargestLongValue); }
+
+SStringList Sdbfile::_Read(SString const &name, DWORD largest) const {
   if (_current == nullptr || name.Length() == 0 || name.Length() > kMaxNameLength || !IsName(name))
     return SStringList();
-  std::vector<char> buffer;
+  std::vector<char> buffer(kFirstBuffer);
   DWORD type = 0;
-  DWORD length = 0;
-  LONG status = ERROR_MORE_DATA;
-  for (DWORD size = kFirstBuffer; status == ERROR_MORE_DATA && size <= kLargestBuffer; size *= 2) {
-    buffer.resize(size);
-    length = size;
-    status = RegQueryValueExA(_current.get(), name, nullptr, &type, reinterpret_cast<BYTE *>(buffer.data()), &length);
+  DWORD length = kFirstBuffer;
+  auto const query = [&] {
+    return RegQueryValueExA(_current.get(), name, nullptr, &type, reinterpret_cast<BYTE *>(buffer.data()), &length);
+  };
+  LONG status = query();
+  while (status == ERROR_MORE_DATA && length <= largest) {  // once, unless somebody is writing longer ones meanwhile
+    buffer.resize(length);
+    status = query();
   }
   if (status != ERROR_SUCCESS) return SStringList();
   if (type == REG_BINARY) return _Unpack(SString(buffer.data(), static_cast<int>(length)));
@@ -147,12 +154,30 @@ SStringList Sdbfile::Get(SString name) const {
 }
 
 int Sdbfile::Set(SString const &name, SStringList const &list) {
-  if (_current == nullptr || name.Length() == 0 || !IsName(name)) return 0;
+  RegValue value;
+  return _current != nullptr && _Encode(name, list, value) &&
+         RegSetValueExA(_current.get(), value.name.c_str(), 0, value.type,
+                        reinterpret_cast<BYTE const *>(value.bytes.data()),
+                        static_cast<DWORD>(value.bytes.size())) == ERROR_SUCCESS;
+}
+
+int Sdbfile::Set(SNamedStringList const &values) {
+  if (_current == nullptr) return 0;
+  SStringList const names = values.Keys();
+  std::vector<RegValue> encoded(static_cast<size_t>(names.Length()));
+  size_t count = 0;
+  for (SString const &name : names)
+    if (!_Encode(name, values.Get(name), encoded[count++])) return 0;
+  return RegSetValuesA(_current.get(), encoded) == ERROR_SUCCESS;
+}
+
+// False for a name that can't be one.
+bool Sdbfile::_Encode(SString const &name, SStringList const &list, RegValue &value) {
+  if (name.Length() == 0 || !IsName(name)) return false;
   bool const packed = list.Join().Index('\0', 0) >= 0;
   SString const bytes = packed ? _Pack(list) : list.Join(SString('\0', 1)) + SString('\0', 2);
-  return RegSetValueExA(_current.get(), name, 0, packed ? REG_BINARY : REG_MULTI_SZ,
-                        reinterpret_cast<BYTE const *>(static_cast<char const *>(bytes)),
-                        static_cast<DWORD>(bytes.Length())) == ERROR_SUCCESS;
+  value = {std::string(name.View()), packed ? REG_BINARY : REG_MULTI_SZ, std::string(bytes.View())};
+  return true;
 }
 
 int Sdbfile::DeleteValue(SString const &name) {

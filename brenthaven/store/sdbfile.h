@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "brenthaven/platform/registry.h"
+#include "brenthaven/text/named.h"
 #include "brenthaven/text/sstring.h"
 #include "brenthaven/text/sstringlist.h"
 
@@ -48,7 +49,11 @@ public:
 
   // Value of the current key. Empty for a name of 0 or more than 256 bytes, and for a value above 1,024,000 bytes.
   SStringList Get(SString name) const;
+  // The same for a value of any size, such as a routing table of many thousand lines.
+  SStringList GetLong(SString const &name) const;
   int Set(SString const &name, SStringList const &list);
+  // Sets many values, all of them or, with 0, none. In one step, where value by value each would be a step of its own.
+  int Set(SNamedStringList const &values);
   int DeleteValue(SString const &name);
   // Deletes a child of the current key. 0 and the cursor on the child when the child holds values; 0 when it has
   // children of its own.
@@ -79,6 +84,8 @@ private:
   bool _IsStoreFile() const;
   KeyRef _OpenBelow(KeyRef const &base, SString const &path, int flags) const;
   KeyRef _OpenFirst(SString const &path, int flags) const;
+  SStringList _Read(SString const &name, DWORD largest) const;
+  static bool _Encode(SString const &name, SStringList const &list, RegValue &value);
   static SString _Pack(SStringList const &list);
   static SStringList _Unpack(SString const &text);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iostream>
+#include <limits>
 #include <string_view>
 #include <utility>
 
@@ -271,18 +272,29 @@ void SObjectDB::ListByAttrib(int attribute, SString const &prefix, SStringList *
 
 void SObjectDB::ListByAttribRange(int attribute, SString const &low, SString const &high, SStringList *values,
                                   SStringList *names) {
+  SString from = low;
+  ListSlice(attribute, from, high, std::numeric_limits<int>::max(), values, names);
+}
+
+void SObjectDB::ListSlice(int attribute, SString &low, SString const &high, int limit, SStringList *values,
+                          SStringList *names) {
   values->Reset();
   names->Reset();
-  if (!_Knows(attribute)) return;
+  if (!_Knows(attribute) || limit <= 0) return;
   SString const end = Byte(attribute) + high;
-  ReadSection section(*this, ReadSection::Of::kIndex);
-  Walk(_index, Byte(attribute) + low, [&](SString const &key) {
-    if (!(key < end)) return false;
-    IndexKey const parts = SplitIndexKey(key);
-    values->Push(TextOf(parts.value));
-    names->Push(TextOf(parts.name));
-    return true;
-  });
+  SString last;
+  {
+    ReadSection section(*this, ReadSection::Of::kIndex);
+    Walk(_index, Byte(attribute) + low, [&](SString const &key) {
+      if (!(key < end)) return false;
+      IndexKey const parts = SplitIndexKey(key);
+      values->Push(TextOf(parts.value));
+      names->Push(TextOf(parts.name));
+      last = key;
+      return values->Length() < limit;
+    });
+  }
+  if (last.Defined()) low = std::as_const(last).Segment(1, last.Length() - 1) + kNul;  // no key stands in between
 }
 
 SStringList SObjectDB::ListByType(int type) { return ListByAttrib(kTypeAttribute, Byte(type)); }

@@ -67,6 +67,9 @@ public:
   // All pairs from low up to, but not including, high; both as they stand in the index.
   void ListByAttribRange(int attribute, SString const &low, SString const &high, SStringList *values,
                          SStringList *names);
+  // The first limit pairs of such a range, and low moved behind the last of them: a long range is walked slice by
+  // slice, with a lock for each. Empty lists are the end.
+  void ListSlice(int attribute, SString &low, SString const &high, int limit, SStringList *values, SStringList *names);
   int CountByAttrib(int attribute, SString const &value);
   SStringList ListByType(int type);
   int CountByType(int type);

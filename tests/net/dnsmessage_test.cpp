@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/net/dnsbytes.h"
+#include "tests/support/dnsbytes.h"
 
 namespace {
 

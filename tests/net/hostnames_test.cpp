@@ -6,6 +6,7 @@
 
 #include "brenthaven/net/dns.h"
 #include "brenthaven/net/dottedquad.h"
+#include "tests/support/nameserver.h"
 
 namespace {
 
@@ -99,6 +100,22 @@ TEST_F(HostNamesTest, BlockListIsAskedUnderTheReversedAddress) {
   EXPECT_EQ(PortableRBLCheck("host [ 4.3.2.1 ]", SString(), answer), 0U) << "no zone, nothing listed";
   EXPECT_FALSE(answer.Defined());
   EXPECT_EQ(PortableRBLCheck("", "zone.example"), 0U) << "a host without an address";
+}
+
+TEST_F(HostNamesTest, BlockListThatAnswersListsTheHost) {
+  START_SERVER(server, "127.0.0.29", Zone().Address("4.3.2.1.list.example", "127.0.0.2"));
+  PointResolverAt("127.0.0.29");
+  SString answer;
+  EXPECT_EQ(PortableRBLCheck("[ 1.2.3.4 ]", "list.example", answer), 1U);
+  EXPECT_EQ(Text(answer), "127.0.0.2");
+  EXPECT_EQ(PortableRBLCheck("1.2.3.4", ".list.example"), 1U);
+  EXPECT_EQ(PortableRBLCheck("1.2.3.5", "list.example", answer), 0U) << "not listed";
+  EXPECT_FALSE(answer.Defined());
+  setenv("DefaultBlockListZone", "list.example", 1);
+  EXPECT_EQ(PortableRBLCheck("1.2.3.4", SString()), 1U);
+  server.Stop();
+  EXPECT_EQ(server.queries.size(), 4U);
+  EXPECT_EQ(PortableRBLCheck("1.2.3.4", "list.example"), 0U) << "a list that is dead lists nobody";
 }
 
 TEST_F(HostNamesTest, HostNameInADomain) {

@@ -1,77 +1,22 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "brenthaven/net/dns.h"
 #include "brenthaven/net/nameservers.h"
 #include "brenthaven/platform/registry.h"
-#include "tests/net/dnsbytes.h"
+#include "tests/support/dnsbytes.h"
+#include "tests/support/nameserver.h"
 #include "tests/support/scratch.h"
 
 namespace {
 
 std::string Text(SString const &text) { return std::string(text.View()); }
 
-// A name server on port 53 of a loopback address, in a thread. It answers each query with what the handler makes of it
-// and of its number, from 1.
-class SNameServer {
-public:
-  using Handler = std::function<std::vector<std::string>(std::string const &query, int number)>;
-
-  SNameServer(char const *address, Handler handler) : _handler(std::move(handler)) {
-    struct sockaddr_in local = {};
-    local.sin_family = AF_INET;
-    local.sin_port = htons(53);
-    local.sin_addr.s_addr = inet_addr(address);
-    _fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (pipe(_stop) != 0) abort();
-    running = bind(_fd, reinterpret_cast<sockaddr *>(&local), sizeof local) == 0;
-    if (running) _thread = std::thread([this] { _Serve(); });
-  }
-  SNameServer(SNameServer const &) = delete;
-  SNameServer &operator=(SNameServer const &) = delete;
-  ~SNameServer() { Stop(); }
-
-  void Stop() {
-    (void)close(std::exchange(_stop[1], -1));
-    if (_thread.joinable()) _thread.join();
-    (void)close(std::exchange(_fd, -1));
-  }
-
-  bool running;
-  std::vector<std::string> queries;  // to be read after Stop
-
-private:
-  void _Serve() {
-    for (;;) {
-      struct pollfd entries[] = {{_fd, POLLIN, 0}, {_stop[0], POLLIN, 0}};
-      if (poll(entries, 2, -1) < 0 || entries[1].revents != 0) return;
-      char bytes[2000];
-      struct sockaddr_in peer;
-      socklen_t length = sizeof peer;
-      ssize_t const got = recvfrom(_fd, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr *>(&peer), &length);
-      if (got < 2) continue;
-      queries.emplace_back(bytes, static_cast<size_t>(got));
-      for (std::string const &reply : _handler(queries.back(), static_cast<int>(queries.size())))
-        (void)sendto(_fd, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr *>(&peer), length);
-    }
-  }
-
-  Handler _handler;
-  int _fd = -1;
-  int _stop[2];
-  std::thread _thread;
-};
-
-// The reply with the query's ID.
-std::string Answer(std::string const &query, std::string reply) { return reply.replace(0, 2, query.substr(0, 2)); }
 std::string WrongAnswer(std::string const &query, std::string reply) {
   reply = Answer(query, std::move(reply));
   reply[1] = static_cast<char>(reply[1] ^ 0x55);
@@ -86,11 +31,6 @@ std::string OneExchange() {
 }
 
 }  // namespace
-
-// Each case has a loopback address of its own, so that all of them can run at once.
-#define START_SERVER(server, address, ...)  \
-  SNameServer server(address, __VA_ARGS__); \
-  if (!server.running) GTEST_SKIP() << "port 53 of " address " is not for us"
 
 class MxQueryTest : public ScratchSpool {
 protected:

@@ -4,7 +4,6 @@
 #include <time.h>
 
 #include "brenthaven/platform/environment.h"
-#include "brenthaven/platform/service.h"
 #include "brenthaven/text/base.h"
 
 TEST(Dates, MailDateHasTheZoneOfTheLog) {
@@ -54,13 +53,4 @@ TEST(Environment, SettingIsReadBack) {
   EXPECT_TRUE(GetEnv("BrenthavenTest") == "a value");
   PutEnv("BrenthavenTest", SString());
   EXPECT_TRUE(GetEnv("BrenthavenTest") == "");
-}
-
-TEST(Service, NoManagerIsAFailureAtOnce) {
-  SString service = "/usr/lib/SMTP-Router";
-  SString argument;
-  EXPECT_EQ(ServiceStart(service, argument, 1, 3600), kServiceFailed);
-  EXPECT_EQ(GetServiceStatus(service, 0, 0), kServiceStatusUnknown);
-  EXPECT_LT(StopService(service, 1, 3600), 0);
-  EXPECT_EQ(RestartService(service, argument, 1, 3600), kServiceFailed);
 }

@@ -27,11 +27,12 @@ protected:
     RegSetValueExA(key, name, 0, type, reinterpret_cast<BYTE const *>(bytes.data()), static_cast<DWORD>(bytes.size()));
     RegCloseKey(key);
   }
-  static SStringList Get(char const *name) {
+  static Sdbfile Reader() {
     Sdbfile settings("M", 0, kProductWord);
     settings.Open("/Config", 0);
-    return settings.Get(name);
+    return settings;
   }
+  static SStringList Get(char const *name) { return Reader().Get(name); }
 };
 
 TEST_F(SettingsTest, ListsAreStoredInOneOfTwoForms) {
@@ -100,11 +101,30 @@ TEST_F(SettingsTest, NamesAndSizesHaveLimits) {
   for (int size : {1999, 2000, 2001, 1024000, 1024001}) {
     Store("v", REG_MULTI_SZ, std::string(size, 'v'));
     EXPECT_EQ(Get("v").Length(), size <= 1024000 ? 1 : 0) << size;
+    EXPECT_EQ(Reader().GetLong("v").Get(0).Length(), size);
   }
   Sdbfile settings("M", 1, kProductWord);
   EXPECT_EQ(settings.Set("", {"x"}), 0);
   EXPECT_EQ(settings.Set(SString("a\0b", 3), {"x"}), 0);
   EXPECT_EQ(settings.Values().Length(), 0);
+}
+
+TEST_F(SettingsTest, ManyValuesAreSetTogetherOrNotAtAll) {
+  SNamedStringList values(1, 0);
+  values["one"] = "1";
+  values["two"] = SStringList{"2", SString("with\0NUL", 8)};
+  Sdbfile settings("M", 1, kProductWord);
+  settings.Open("/Config", 1);
+  EXPECT_EQ(settings.Set(values), 1);
+  EXPECT_EQ(Joined(Get("one")), "1");
+  EXPECT_EQ(Get("two").Length(), 2);
+  values["one"] = "3";
+  values[SString("a\0b", 3)] = "x";
+  EXPECT_EQ(settings.Set(values), 0) << "a name that can't be one";
+  EXPECT_EQ(Joined(Get("one")), "1");
+  values.Delete(SString("a\0b", 3));
+  EXPECT_EQ(Reader().Set(values), 0) << "opened for reading";
+  EXPECT_EQ(Joined(Get("one")), "1");
 }
 
 TEST_F(SettingsTest, CursorMovesFromRootAndFromWhereItStands) {

@@ -1,4 +1,4 @@
-// tests/net/dnsbytes.h - pieces of DNS messages, sound or not, for the tests to put together.
+// tests/support/dnsbytes.h - pieces of DNS messages, sound or not, for the tests to put together.
 #pragma once
 #include <array>
 #include <string>
