@@ -248,6 +248,10 @@ void SAcceptance::_CompleteControl() {
   _control[kKeyHostFrom] = LocalSubmissionHost();
   _control[kKeySubmittedDate] = RFC822Date();
   _control[kKeyMtaHops] = "0";
+  if (_keepsRaw) {
+    _control[kKeyRawMailFrom] = S821Address(_control.Get(kKeyUserFrom).Get(0)).Get();
+    for (SString const &entry : _control.Get(kKeyChannelTo)) _control[kKeyRawRcptTo].Push(S821Address(entry).Get());
+  }
   unsigned long long const bytes = static_cast<unsigned long long>(_header.Length()) + _bodyBytes;
   _control[kKeyMessageSize] = SString(static_cast<long>((bytes + kKilobyte - 1) / kKilobyte));
 }

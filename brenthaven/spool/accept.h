@@ -62,6 +62,8 @@ public:
   // it stands, but for three things that a field file needs: CR LF line ends, no blank before the colon, and a blank
   // behind it.
   SAcceptResult SetHeader(SString const &text);
+  // Keeps the envelope in Raw-Mail-From: and Raw-Rcpt-To: too, where archive rules look for it.
+  void KeepRawEnvelope() { _keepsRaw = true; }
   // Further fields of the control file, set before Commit: Submitted-Via: and the like.
   SControl &GetControl() { return _control; }
 
@@ -88,5 +90,6 @@ private:
   unsigned long long _bodyBytes = 0;
   int _recipients = 0;
   SAcceptResult _state = SAcceptResult::kOk;  // the first failure, which every later call repeats
+  bool _keepsRaw = false;
   bool _accepted = false;
 };

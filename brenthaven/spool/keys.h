@@ -49,6 +49,7 @@ inline constexpr char const kKeyErrorNumber[] = "Error-Number:";           // er
 inline constexpr char const kKeySocketErrorNumber[] = "WSAError-Number:";  // last error of the socket layer
 inline constexpr char const kKeyErrorMsgType[] = "Error-Msg-Type:";
 inline constexpr char const kKeyErrorListUid[] = "Error-List-UID:";
+inline constexpr char const kKeyErrorReported[] = "Error-Reported:";  // date; all that is left is to remove the record
 
 // Control file of a request.
 inline constexpr char const kKeyReturnPath[] = "Return-Path:";  // decimal UDP port that waits for the answer

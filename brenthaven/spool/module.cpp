@@ -89,6 +89,7 @@ SModule::SModule(SString const &moduleName)
       _mailboxDir(WithSlash(GetEnv("MailboxDir"))),
       _logging(0),
       _inLine(0),
+      _takesErrors(0),
       _owner(nullptr) {
   _control.SetModule(this);
 }
@@ -132,7 +133,7 @@ int SModule::ProcessMessageName(SString const &name) {
   if (!_control.Read()) return kModuleUnreadable;
   if (_control.Get(kKeyFunction).Get(0) != _moduleName) return kModuleNotMine;
   SString const type = _control.Get(kKeyControlType).Get(0);
-  if (type == kTypeMail) {
+  if (type == kTypeMail || (_takesErrors && type == kTypeError)) {
     if (_logging) WriteLogLine(LogFileDate() + ":" + _moduleName + ":" + _control.GetFilename());
     if (!ProcessMail()) _DeferControl();
     return kModuleDone;

@@ -13,7 +13,7 @@ enum SModuleCode {
   kModuleDone = 0,             // processed, deferred or handed over; or environment verified, or queue walked
   kModuleNoEnvironment = 101,  // LoadEnv gave 0
   kModuleNotMine = 102,        // Function: names another module
-  kModuleUnknownType = 103,    // Control-Type: is neither "Mail" nor "Request"
+  kModuleUnknownType = 103,    // Control-Type: is neither "Mail" nor "Request", nor for TakeErrors "Error"
   kModuleUnreadable = 105,     // the control file could not be read
 };
 
@@ -106,6 +106,10 @@ public:
   // and is announced by the next CommitBarrier.
   void Announce(SControl const &written);
 
+protected:
+  // Called once by the constructor of the one module that answers errors: "Error" controls are mail to it.
+  void TakeErrors() { _takesErrors = 1; }
+
 private:
   class PassScope;   // one pass, from start to its last notice
   struct PassState;  // what a pass has made and not yet committed
@@ -129,6 +133,7 @@ private:
   SString _nameInfix;  // stands in message names behind the date; empty
   unsigned int _logging;
   unsigned int _inLine;
+  unsigned int _takesErrors;
   SModule *_owner;  // whose pass this module works in; null for its own
   std::unique_ptr<PassState> _pass;
 };
