@@ -7,9 +7,10 @@
 
 // A pass:
 //   1. expand the accounts, and what they lead to, into deliveries by agent and into work for other modules;
-//   2. write one control for each agent, the last on the message's own files if nothing else is to be done with it;
-//   3. report names that are no accounts;
-//   4. hand the message to the next module that has work with it, or remove it.
+//   2. write the copies for archives;
+//   3. write one control for each agent, the last on the message's own files if nothing else is to be done with it;
+//   4. report names that are no accounts;
+//   5. hand the message to the next module that has work with it, or remove it.
 
 namespace {
 
@@ -36,7 +37,8 @@ SAccountHandlerModule::Pass::Pass(SControl const &control)
       seen(control.Get(kKeyAccountToDone)),
       modules(control.Get(kKeyModuleTo)),
       channels(control.Get(kKeyChannelTo)),
-      managers(control.Get(kKeyManagerTo)) {
+      managers(control.Get(kKeyManagerTo)),
+      archived(control.Get(kKeyArchiveToDone)) {
   for (SString const &entry : control.Get(kKeyDeliverTo)) {
     SStringList const parts = entry.SplitExact(" ", 2);
     agents[parts.Get(0)].Push(parts.Get(1));
@@ -69,7 +71,7 @@ unsigned int SAccountHandlerModule::ProcessMail() {
 }
 
 unsigned int SAccountHandlerModule::_Finish(Pass &pass) {
-  if (!_Deliver(pass)) return 0;
+  if (!_Archive(pass) || !_Deliver(pass)) return 0;
   if (pass.unknown.Length() > 0) {
     if (!WriteUnknownAccts(pass.unknown)) return 0;
     pass.written = pass.reported = true;
@@ -77,6 +79,24 @@ unsigned int SAccountHandlerModule::_Finish(Pass &pass) {
   bool handled = false;
   if (!_HandOn(pass, handled)) return 0;
   return handled || pass.reused ? 1 : _RemoveIncoming();
+}
+
+// Copies that an earlier pass has written are left out.
+bool SAccountHandlerModule::_Archive(Pass &pass) {
+  if (pass.archive.Keys().Length() == 0) return true;
+  SStringSet const done(pass.archived);
+  auto const record = [](SString const &target, SString const &entry) { return target + " " + entry; };
+  SNamedStringList open(1, 0);
+  for (SString const &target : pass.archive.Keys())
+    for (SString const &entry : pass.archive.Get(target))
+      if (!done.Contains(record(target, entry))) open[target].Push(entry);
+  SNamedStringList left(open);
+  bool const written = WriteSMTPDeliver(&left) != 0;
+  for (SString const &target : open.Keys())
+    if (left.Get(target).Length() == 0)
+      for (SString const &entry : open.Get(target)) pass.archived.Push(record(target, entry));
+  pass.written = written;
+  return written;
 }
 
 bool SAccountHandlerModule::_Deliver(Pass &pass) {
@@ -161,7 +181,7 @@ unsigned int SAccountHandlerModule::_Fail(char const *error) {
 }
 
 // After a pass that failed: the names that it took are to be expanded again, but for those that are reported as
-// unknown. What it delivered stays recorded.
+// unknown. What it delivered and archived stays recorded.
 void SAccountHandlerModule::_PutBack(Pass const &pass) {
   SControl &control = GetControl();
   SStringSet const reported(pass.reported ? pass.unknown : SStringList());
@@ -175,7 +195,8 @@ void SAccountHandlerModule::_PutBack(Pass const &pass) {
     if (!open.Contains(name)) done.Push(name);
   control[kKeyAccountTo] = again;
   control[kKeyAccountToDone] = done;
-  for (char const *key : {kKeyAccountTo, kKeyAccountToDone})
+  control[kKeyArchiveToDone] = pass.archived;
+  for (char const *key : {kKeyAccountTo, kKeyAccountToDone, kKeyArchiveToDone})
     if (control.Get(key).Length() == 0) control.Delete(key);
   control[kKeyFunction] = pass.function;
 }

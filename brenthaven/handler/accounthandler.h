@@ -6,11 +6,11 @@
 #include "brenthaven/text/sstring.h"
 #include "brenthaven/text/sstringlist.h"
 
-// Expands the accounts of a message's "Account-To:" by their attributes into deliveries, writes one control file for
-// each delivery agent ("<agent>-Deliver"), reports names that are no accounts, and hands what is for a handler module,
-// a channel or a list manager on to the next module. It runs as a queue module of its own, and by value inside the
-// router, which calls ProcessMailControl in the same process. Small deliveries to mailboxes run in this process too, by
-// the SMailboxDeliverModule that it holds.
+// Expands the accounts of a message's "Account-To:" by their attributes into deliveries, writes copies for the archives
+// that accounts name and one control file for each delivery agent ("<agent>-Deliver"), reports names that are no
+// accounts, and hands what is for a handler module, a channel or a list manager on to the next module. It runs as a
+// queue module of its own, and by value inside the router, which calls ProcessMailControl in the same process. Small
+// deliveries to mailboxes run in this process too, by the SMailboxDeliverModule that it holds.
 class SAccountHandlerModule : public SModule {
 public:
   SAccountHandlerModule();
@@ -34,11 +34,13 @@ private:
   bool _Expand(Pass &pass);
   void _ExpandAccount(Pass &pass, SString const &name, SAccount const &account);
   void _ExpandIndirectly(Pass &pass, SString const &name, SString const &entry);
-  void _ArchiveAccount(SString const &name, SAccount const &account);
+  void _ArchiveAccount(Pass &pass, SAccount const &account);
+  bool _IsArchiving(Pass &pass);
   void _WriteBack(Pass const &pass);
 
   // accounthandler.cpp
   unsigned int _Finish(Pass &pass);
+  bool _Archive(Pass &pass);
   bool _Deliver(Pass &pass);
   bool _HandOn(Pass &pass, bool &handled);
   bool _HandToModule(Pass &pass, bool &handled);
@@ -50,6 +52,7 @@ private:
   unsigned int WriteDeliver(SString agent, SStringList const &list, unsigned int last);
   unsigned int WriteHandler(SString const &module);
   unsigned int WriteUnknownAccts(SStringList const &accounts);
+  int WriteSMTPDeliver(SNamedStringList *hosts);
   unsigned int _DeliverHere(SControl &copy);
 
   unsigned int _HandToRouter();  // rerouting.cpp: the one place where a handler runs a router

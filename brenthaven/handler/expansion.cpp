@@ -2,9 +2,9 @@
 #include "brenthaven/accounts/accountdb.h"
 #include "brenthaven/accounts/attributes.h"
 #include "brenthaven/accounts/special.h"
+#include "brenthaven/handler/fanout.h"
 #include "brenthaven/handler/pass.h"
 #include "brenthaven/spool/keys.h"
-#include "brenthaven/spool/log.h"
 #include "brenthaven/store/sdbfile.h"
 #include "brenthaven/text/base.h"
 
@@ -19,10 +19,11 @@ bool IsSecret(SString const &attribute) {
 
 }  // namespace
 
-// Every name is expanded once, so that accounts that lead to one another end there. False when accounts could not be
-// read: then nobody may be called unknown.
+// Every name is expanded once, so that accounts that lead to one another end there. False when accounts or settings
+// could not be read: then nobody may be called unknown, and nobody's archive passed over.
 bool SAccountHandlerModule::_Expand(Pass &pass) {
   SAccountDB::ClearReadFailed();
+  Sdbfile::ClearReadFailed();
   while (pass.queue.Length() > 0 && !SAccountDB::ReadFailed()) {
     SString const name = pass.queue.Shift();
     if (name.Length() == 0 || !pass.seen.Add(name)) continue;
@@ -41,14 +42,14 @@ bool SAccountHandlerModule::_Expand(Pass &pass) {
     }
     pass.taken.Push(name);
   }
-  return !SAccountDB::ReadFailed();
+  return !SAccountDB::ReadFailed() && !Sdbfile::ReadFailed();
 }
 
 void SAccountHandlerModule::_ExpandAccount(Pass &pass, SString const &name, SAccount const &account) {
   pass.queue.Push(account.Get(kAttrAccountDelivery));
   pass.managers.Push(account.Get(kAttrManagerDelivery));
   pass.channels.Push(account.Get(kAttrChannelDelivery));
-  _ArchiveAccount(name, account);
+  _ArchiveAccount(pass, account);
   for (SString const &handler : account.Get(kAttrHandlerDelivery)) pass.modules.Push(handler + " " + name);
   for (SString const &agent : account.Get(kAttrLocalDelivery))
     if (agent.Length() > 0) pass.agents[agent].Push(name);
@@ -69,14 +70,21 @@ void SAccountHandlerModule::_ExpandIndirectly(Pass &pass, SString const &name, S
   }
 }
 
-// Copies of an account's mail to an archive are not made yet; an account that asks for them is told of in the log. A
-// list has none of its own.
-void SAccountHandlerModule::_ArchiveAccount(SString const &name, SAccount const &account) {
-  if (account.GetString(kAttrArchiveRule).Length() == 0 || account.Get(kAttrListName).Length() > 0) return;
-  Sdbfile settings(GetModuleName(), 0, kProductWord);
-  if (!settings.Open("/Config", 0) || settings.Get("Archive-Enabled").Get(0) != "yes") return;
-  WriteLogLine(LogFileDate() + ":" + GetModuleName() + ":Archiving is not available: Archive-Rule of " + name +
-               " does nothing");
+// An account's mail goes to the archive that it names too. A list has none of its own.
+void SAccountHandlerModule::_ArchiveAccount(Pass &pass, SAccount const &account) {
+  SString const rule = account.GetString(kAttrArchiveRule);
+  if (!IsArchiveTarget(rule) || account.GetString(kAttrListName).Length() > 0 || !_IsArchiving(pass)) return;
+  SString const address = account.GetPrimaryAddress();
+  if (address.Length() == 0) return;  // the archive would get it for nobody
+  pass.archive[ArchiveTarget(rule)].Push(kChannelPrefix + ("<" + address + ">"));
+}
+
+bool SAccountHandlerModule::_IsArchiving(Pass &pass) {
+  if (!pass.archives.has_value()) {
+    Sdbfile settings(GetModuleName(), 0, kProductWord);
+    pass.archives = settings.Open("/Config", 0) && settings.Get("Archive-Enabled").Get(0) == "yes";
+  }
+  return *pass.archives;
 }
 
 // The control in memory as it stands behind the expansion. A file holds it when a writer saves it.

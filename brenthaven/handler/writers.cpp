@@ -2,6 +2,7 @@
 #include <errno.h>
 
 #include "brenthaven/accounts/safeuid.h"
+#include "brenthaven/handler/fanout.h"
 #include "brenthaven/handler/pass.h"
 #include "brenthaven/spool/keys.h"
 #include "brenthaven/text/base.h"
@@ -32,7 +33,7 @@ unsigned int SAccountHandlerModule::WriteDeliver(SString agent, SStringList cons
   SControl &own = GetControl();
   SControl copy = own;
   for (char const *key : {kKeyAccountTo, kKeyAccountToDone, kKeyManagerTo, kKeyManagerToDone, kKeyChannelTo,
-                          kKeyChannelToDone, kKeyModuleTo, kKeyModuleToDone, kKeyDeliverTo})
+                          kKeyChannelToDone, kKeyModuleTo, kKeyModuleToDone, kKeyDeliverTo, kKeyArchiveToDone})
     copy.Delete(key);
   copy[kKeyFunction] = agent + kDeliverSuffix;
   if (list.Length() > 0) copy[kKeyDeliverTo] = list;
@@ -82,4 +83,15 @@ unsigned int SAccountHandlerModule::WriteUnknownAccts(SStringList const &account
   }
   own[kKeyAccountToDone].Push(accounts);  // a second time: the expansion has recorded them already
   return 1;
+}
+
+// The own control is not written here: on disk it must name its accounts until what they get is made.
+int SAccountHandlerModule::WriteSMTPDeliver(SNamedStringList *hosts) {
+  SFanOut fan(*this, *hosts);
+  fan.MarkAsArchive(SArchiveMark::Of(GetModuleName()));
+  SFanOut::Result const result = fan.Write([this](SStringList const &entries) {
+    GetControl()[kKeyChannelToDone].Push(entries);
+    return true;
+  });
+  return result == SFanOut::Result::kDone ? 1 : 0;
 }

@@ -6,7 +6,6 @@
 // way.
 #include <utility>
 
-#include "brenthaven/accounts/accountdb.h"
 #include "brenthaven/accounts/alias.h"
 #include "brenthaven/router/pass.h"
 #include "brenthaven/spool/keys.h"
@@ -19,13 +18,6 @@ constexpr char kPostmasterUid[] = "Postmaster";
 SString ChannelEntry(SString const &address) { return kChannelPrefix + address; }
 
 SString FirstWord(SString const &text) { return text.SplitExact(" ", 2).Get(0); }
-
-// What was read since ClearReadFlags is only as good as the reading.
-void ClearReadFlags() {
-  SAccountBase::ClearReadFailed();
-  Sdbfile::ClearReadFailed();
-}
-bool SomeReadFailed() { return SAccountBase::ReadFailed() || Sdbfile::ReadFailed(); }
 
 // The text between an opening quote and the "@" of a local part such as "\"user@here\"", which may be an account; the
 // local part itself when it has no such form.
@@ -58,17 +50,25 @@ int SSMTPRouterModule::Explain(SStringList const &entries, SRouteObserver &obser
   pass.observer = &observer;
   _BeginPass(pass);
   _TakeEntries(pass, entries);
+  _ExplainSender(observer);
   _NoteListMembers(pass);
-  return _RouteAll(pass) ? 1 : 0;
+  CreateArchiveToCandidate(pass.archive);
+  if (!_RouteAll(pass)) return 0;
+  for (SString const &target : pass.archive.Keys())
+    for (SString const &entry : pass.archive.Get(target)) pass.Note(entry, SRouteStep::kArchiveCopy, target);
+  return 1;
 }
 
 void SSMTPRouterModule::_BeginPass(Pass &pass) {
   ClearReadFlags();
   for (SString const &done : MatchFieldPreload()) pass.seen.Add(done);
   pass.force = GetEnv("ForceRouting") == "yes";
-  if (!pass.force) return;
+  pass.fromBypass = pass.force && _IsFromBypassHost();
+}
+
+bool SSMTPRouterModule::_IsFromBypassHost() {
   SString const bypass = "[" + GetEnv("ByPassIPaddr") + "]";  // "[]" when not set, which is nobody's address
-  pass.fromBypass = GetControl().Get(kKeyHostFrom).Get(0).Split(' ').Get(1) == bypass;
+  return GetControl().Get(kKeyHostFrom).Get(0).Split(' ').Get(1) == bypass;
 }
 
 void SSMTPRouterModule::_TakeEntries(Pass &pass, SStringList const &entries) {
@@ -157,13 +157,14 @@ void SSMTPRouterModule::_RouteEntry(Pass &pass, SString const &text) {
 
 void SSMTPRouterModule::_CanonicalizeEntry(Pass const &pass, Entry &entry) {
   SString const host = GetHostAddrPart(entry.found, 0);
-  if (host != entry.found.Domain()) pass.Note(entry.text, SRouteStep::kHost, host);
+  if (pass.observer != nullptr) _NoteHost(pass, entry, host);
   entry.sent.Domain() = host;
   entry.found.Domain() = host;
   entry.plain = entry.found.Address();
   if (!pass.force) return;
   entry.unroutedHost = LowerCase(GetHostAddrPart(entry.sent, 0));
-  entry.routedHost = RewriteSMTPAddrs(entry.unroutedHost);
+  pass.Note(entry.text, SRouteStep::kSetting, pass.fromBypass ? "ByPassIPaddr" : "ForceRouting");
+  entry.routedHost = _RouteHost(pass, entry, entry.unroutedHost);
 }
 
 // By the address as written, then, for a domain literal, by the name that the name service has for it.
@@ -191,6 +192,7 @@ void SSMTPRouterModule::_JudgeDomain(Pass &pass, Entry &entry) {
   entry.isLocal = (!pass.force || pass.fromBypass) && _IsLocal(pass, domain);
   pass.Note(entry.text, entry.isLocal ? SRouteStep::kLocalDomain : SRouteStep::kRemoteDomain, domain);
   if (!entry.isLocal) return;
+  if (pass.observer != nullptr) pass.Note(entry.text, SRouteStep::kSetting, _WhyLocal(pass, domain));
   entry.uid = _CatchAllUid(entry.found);
   if (entry.uid.Length() > 0) pass.Note(entry.text, SRouteStep::kCatchAll, entry.uid);
 }
@@ -262,9 +264,17 @@ void SSMTPRouterModule::_RouteToHost(Pass &pass, Entry const &entry) {
   }
   SString host = entry.routedHost;
   if (!pass.force)
-    host = RewriteSMTPAddrs(LowerCase(GetHostAddrPart(entry.sent, 0)));
+    host = _RouteHost(pass, entry, LowerCase(GetHostAddrPart(entry.sent, 0)));
   else if (pass.fromBypass)
     host = entry.unroutedHost;
   pass.hosts[host].Push(ChannelEntry(entry.sent.Address()));
   pass.Note(entry.text, SRouteStep::kSentTo, host);
+}
+
+// RewriteSMTPAddrs for an entry: the observer is told of the line that decides.
+SString SSMTPRouterModule::_RouteHost(Pass const &pass, Entry const &entry, SString const &host) {
+  SRouteLine line;
+  if (!_FindRoute(host, line)) return host;
+  pass.Note(entry.text, SRouteStep::kRoutingLine, line.Text());
+  return line.HostFor(host);
 }

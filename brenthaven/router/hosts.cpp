@@ -5,6 +5,17 @@
 #include "brenthaven/spool/keys.h"
 #include "brenthaven/text/base.h"
 
+namespace {
+
+// The setting that names this machine by a lower-cased host; null when none does.
+char const *WhichOfOurNames(SString const &name) {
+  if (name == LowerCase(GetEnv("HostName"))) return "HostName";
+  if (name == "localhost" || name == "localhost." + LowerCase(GetEnv("DomainName"))) return "DomainName";
+  return nullptr;
+}
+
+}  // namespace
+
 SString SSMTPRouterModule::GetHostAddrPart(S821Address const &address, unsigned int resolve) {
   SString const domain = address.Domain();
   if (domain.Length() > 0) return CanonicalizeHost(domain, resolve);
@@ -29,7 +40,7 @@ SString SSMTPRouterModule::CanonicalizeHost(SString host, unsigned int resolve) 
 
 int SSMTPRouterModule::IsLocalDelivery(SString host) {
   SString const name = LowerCase(CanonicalizeHost(host, 1));
-  return SAccountDB().GetLocalMailDomains().Contains(name) || _IsThisHost(name);
+  return SAccountDB().GetLocalMailDomains().Contains(name) || WhichOfOurNames(name) != nullptr;
 }
 
 int SSMTPRouterModule::IsLdapAuth(SString host) {
@@ -46,15 +57,27 @@ bool SSMTPRouterModule::_IsLocal(Pass &pass, SString const &host) {
     pass.localDomainsRead = true;
   }
   SString const name = LowerCase(CanonicalizeHost(host, 1));
-  bool const local = pass.localDomains.Contains(name) || _IsThisHost(name);
+  bool const local = pass.localDomains.Contains(name) || WhichOfOurNames(name) != nullptr;
   pass.isLocal[host] = local ? 1 : 0;
   return local;
 }
 
-// Whether a lower-cased host is this machine, by name or as "localhost".
-bool SSMTPRouterModule::_IsThisHost(SString const &name) const {
-  return name == LowerCase(GetEnv("HostName")) || name == "localhost" ||
-         name == "localhost." + LowerCase(GetEnv("DomainName"));
+// For the observer: the setting by which a domain is local.
+char const *SSMTPRouterModule::_WhyLocal(Pass const &pass, SString const &host) {
+  SString const name = LowerCase(CanonicalizeHost(host, 1));
+  return pass.localDomains.Contains(name) ? "LocalMailDomains" : WhichOfOurNames(name);
+}
+
+// For the observer: the host that an entry is taken to be for, where it is another than the one written, and the
+// setting that says so.
+void SSMTPRouterModule::_NoteHost(Pass const &pass, Entry const &entry, SString const &host) {
+  SString const written = entry.found.Domain();
+  if (host == written) return;
+  if (written.Length() == 0)
+    pass.Note(entry.text, SRouteStep::kSetting, GetEnv("DefaultDomain").Length() > 0 ? "DefaultDomain" : "HostName");
+  else if (SString const replacement = _rewriteDomains.Get(LowerCase(written)).Get(0); replacement.Length() > 0)
+    pass.Note(entry.text, SRouteStep::kSetting, "RewriteDomains " + LowerCase(written) + ":" + replacement);
+  pass.Note(entry.text, SRouteStep::kHost, host);
 }
 
 SStringList SSMTPRouterModule::GetRFC821Addresses(SString const &text) {

@@ -1,5 +1,6 @@
 // brenthaven/router/pass.h - what one pass over a message's recipients knows. Private to the router.
 #pragma once
+#include "brenthaven/accounts/accountdb.h"
 #include "brenthaven/address/address821.h"
 #include "brenthaven/router/routeobserver.h"
 #include "brenthaven/router/smtprouter.h"
@@ -57,6 +58,13 @@ struct SSMTPRouterModule::Entry {
   SString unroutedHost;
   SString routedHost;
 };
+
+// What was read since ClearReadFlags is only as good as the reading.
+inline void ClearReadFlags() {
+  SAccountBase::ClearReadFailed();
+  Sdbfile::ClearReadFailed();
+}
+inline bool SomeReadFailed() { return SAccountBase::ReadFailed() || Sdbfile::ReadFailed(); }
 
 // Writes one line of "date:module:text" to the log stream.
 void LogRouterLine(SString const &module, SString const &text);

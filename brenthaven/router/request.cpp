@@ -1,6 +1,8 @@
 // Requests: where would mail for an address go?
 #include "brenthaven/accounts/accountdb.h"
 #include "brenthaven/accounts/alias.h"
+#include "brenthaven/accounts/safeuid.h"
+#include "brenthaven/router/directorylookup.h"
 #include "brenthaven/router/pass.h"
 #include "brenthaven/spool/keys.h"
 
@@ -45,10 +47,11 @@ void SSMTPRouterModule::ProcessRequest(SRequest &request, int useDirectory, SStr
 // True when this was the last word on the address, false when its "%" form is worth a try. A domain literal becomes the
 // name that the name service has for it where no account has the address as it stands.
 bool SSMTPRouterModule::_AnswerAddress(Question const &question, S821Address &address, SRequest &request) {
-  bool const directory = IsLdapAuth(address.Domain());
+  bool directory = IsLdapAuth(address.Domain());
   SString uid = _RequestedUid(question, directory, address);
   if (uid.Length() == 0 && address.Domain()[0] == '[') {
     address.Domain() = GetHostAddrPart(address, 1);
+    directory = IsLdapAuth(address.Domain());
     uid = _RequestedUid(question, directory, address);
   }
   bool local = false;
@@ -70,9 +73,13 @@ SString SSMTPRouterModule::_RequestedUid(Question const &question, bool director
   return directory ? _DirectoryUid(question, address) : SString();
 }
 
-// The UID that the directory has for an address; undefined when it has none. At present no directory is asked: to a
-// request with useDirectory every account is unknown.
-SString SSMTPRouterModule::_DirectoryUid(Question const &, S821Address const &) { return SString(); }
+// The UID that the directory has for an address; undefined when it has none. A directory is other people's: what it
+// answers counts only when it is the name of an account here, and safe where names of accounts become names of files.
+SString SSMTPRouterModule::_DirectoryUid(Question const &question, S821Address const &address) {
+  SString const uid =
+      LookupDirectoryUid(address.Get(), question.primaryHost, question.secondaryHost, question.port, question.base);
+  return IsSafeUID(uid) != 0 && SAccountDB().GetAccountInfo(uid, nullptr) != 0 ? uid : SString();
+}
 
 // The account "*" of the address's domain, which takes what nobody else does.
 SString SSMTPRouterModule::_CatchAllUid(S821Address const &address) {

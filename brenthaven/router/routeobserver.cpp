@@ -30,10 +30,26 @@ char const *RouteStepName(SRouteStep step) {
       return "unknown";
     case SRouteStep::kSourceRoute:
       return "source route";
+    case SRouteStep::kRoutingLine:
+      return "routing line";
     case SRouteStep::kSentTo:
       return "sent to";
     case SRouteStep::kStoreUnreadable:
       return "store unreadable";
+    case SRouteStep::kSetting:
+      return "setting";
+    case SRouteStep::kArchiveCopy:
+      return "archive copy";
+    case SRouteStep::kSenderAccount:
+      return "sender's account";
+    case SRouteStep::kForeignSender:
+      return "no account's";
+    case SRouteStep::kHeaderDelete:
+      return "header loses";
+    case SRouteStep::kHeaderAdd:
+      return "header gets";
+    case SRouteStep::kHeaderPoster:
+      return "header says";
   }
   return "";
 }

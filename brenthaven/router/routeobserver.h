@@ -18,8 +18,18 @@ enum class SRouteStep {
   kPercentRefused,   // the address; the sender may not relay by "%"
   kUnknown,          // the address: no account, no alias and no catch-all
   kSourceRoute,      // route and host
+  kRoutingLine,      // line of the routing table that matches the host: "pattern:target"
   kSentTo,           // host after the routing table
   kStoreUnreadable,  // the address; nothing is decided for the whole message, which waits
+  kSetting,          // the setting that has decided the step behind this one, by its name, with the line of a list
+  // About a copy that an archive gets; the entry is the archive's.
+  kArchiveCopy,  // "host#port"
+  // About the message; the entry is its User-From:.
+  kSenderAccount,  // UID; what enters here from it gets its header completed
+  kForeignSender,  // the address, which is no account's here; the header stays as it came
+  kHeaderDelete,   // a field that is removed
+  kHeaderAdd,      // a field that is added, with its value
+  kHeaderPoster,   // From: as it would read if it bore the envelope sender's address
 };
 
 // A short word for the step, "alias", for a listing.

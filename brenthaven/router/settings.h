@@ -2,6 +2,7 @@
 #pragma once
 #include <algorithm>
 #include <limits>
+#include <memory>
 
 #include "brenthaven/store/sdbfile.h"
 #include "brenthaven/text/named.h"
@@ -19,4 +20,17 @@ inline SNamedStringList ReadSection(Sdbfile const &db) {
 inline int ReadCount(SNamedStringList const &section, char const *key) {
   long const number = section.Get(key).Get(0).AsLong();
   return static_cast<int>(std::clamp<long>(number, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+}
+
+// What a setting of many lines compiles to. A process that reads its settings for each message compiles them once, as
+// long as they stay as they are.
+template <class Compiled>
+std::shared_ptr<Compiled const> CompiledFrom(SStringList const &lines) {
+  static SStringList last;
+  static std::shared_ptr<Compiled const> compiled;
+  if (compiled == nullptr || !(last == lines)) {
+    compiled = std::make_shared<Compiled const>(lines);
+    last = lines;
+  }
+  return compiled;
 }

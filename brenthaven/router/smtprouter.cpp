@@ -50,8 +50,9 @@ bool SSMTPRouterModule::_LoadConfig(Sdbfile &db) {
   _canonicalize = config.Get("Canonicalize").Get(0) != "no";  // "No" leaves it on
   _fastRoutePath = GetEnv("FastMRT");
   _sideline.Load(config);
-  if (_judge.InitFilters(config.Get("SideLineDetailFilters"))) return true;
-  LogRouterLine(_logName, "sideline judge init filter failed");
+  SString badLine;
+  if (_judge.InitFilters(config.Get("SideLineDetailFilters"), &badLine)) return true;
+  LogRouterLine(_logName, "sideline judge init filter failed: " + badLine);
   return false;
 }
 
@@ -74,7 +75,7 @@ bool SSMTPRouterModule::_LoadRewriteDomains(Sdbfile &db) {
 unsigned int SSMTPRouterModule::ProcessMail() {
   SControl &own = GetControl();
   SString reason;
-  if (!_judge.Judge(own, _sideline, reason)) return _judge.Sideline(own, _sidelineAction, reason);
+  if (!_judge.Judge(own, _sideline, reason)) return _judge.Sideline(*this, _sidelineAction, reason);
   long const hops = own.Get(kKeyMtaHops).Get(0).AsLong();
   if (hops > _maximumHops)
     return _FailMail("MaxMTAHopCountExceeded", "ProcessMail", "Maximum Hops: " + MakeSString(_maximumHops));
@@ -107,6 +108,11 @@ bool SSMTPRouterModule::_PrepareSender(unsigned int &result) {
     own[kKeyUserFrom] = kChannelWord + sender.Get();  // no blank here; readers of the field take both forms
   }
   sender.Domain() = GetHostAddrPart(sender, 1);
-  result = RewriteHeader(sender) ? 1 : 0;
-  return result != 0;
+  HeaderStep const step = _CompleteHeader(sender);
+  if (step != HeaderStep::kDone) result = step == HeaderStep::kUnreadable ? _FailHeader() : _WaitAsItCame();
+  return step == HeaderStep::kDone;
 }
+
+// The message goes to the queue without a trace of this pass: with one its header would never be completed. In line it
+// is the caller who lets it wait.
+unsigned int SSMTPRouterModule::_WaitAsItCame() { return !IsInLine() && GetControl().Defer() ? 1 : 0; }

@@ -7,6 +7,7 @@
 #include "brenthaven/regex/sperlregex.h"
 #include "brenthaven/router/judge.h"
 #include "brenthaven/router/routeobserver.h"
+#include "brenthaven/router/routetable.h"
 #include "brenthaven/spool/module.h"
 #include "brenthaven/spool/request.h"
 #include "brenthaven/store/sdbfile.h"
@@ -38,14 +39,16 @@ public:
 
   using SModule::ProcessRequest;
   // Answers in the request itself where mail for Address: would go: Account-To:, Channel-To: or neither, and the
-  // address as understood under Address!, which is empty for none. With useDirectory accounts are those of the
-  // directory at the hosts, port and base given; at present none is asked, and they are all unknown. Always answers.
+  // address as understood under Address!, which is empty for none. With useDirectory the accounts are those that the
+  // directory at the hosts, port and base given names for the addresses of LdapAuthDomains, and no others
+  // (directorylookup.h): aliases still count, catch-all accounts don't. Always answers.
   virtual void ProcessRequest(SRequest &request, int useDirectory, SString primaryHost, SString secondaryHost,
                               SString port, SString base);
 
   // Takes channel entries ("SMTP <user@host>") and what they expand to through the decision of ProcessMail, tells the
-  // observer each step, and writes nothing. Sender and submitting host are those of the current control, which may be
-  // empty. 0 when accounts or aliases could not be read.
+  // observer each step, and writes nothing. Sender, submitting host and raw envelope are those of the current control,
+  // which may be empty; with them the observer is also told what becomes of the header, and which archive copies there
+  // are. 0 when accounts, aliases or settings could not be read.
   int Explain(SStringList const &entries, SRouteObserver &observer);
 
   // The decision for all recipients and what follows from it; the result is that of ProcessMail.
@@ -53,7 +56,8 @@ public:
   // Writes one "SMTP-Deliver" control for each key of hosts with the key's entries, 20 between two writes of the own
   // control, and releases them. Keys that are done leave the table: after a 0 it holds those that are not. A key with a
   // blank is a source route. Run in line with more than 20 keys, one "SMTP-Router" control takes all of them. With
-  // archive set the copies are archive copies, which the control records in Archive-Transfer!.
+  // archive set the copies are marked as archive copies (SArchiveMark), the control records them in Archive-Transfer!
+  // too, and none are passed on.
   int WriteSMTPDeliver(SNamedStringList *hosts, unsigned int archive);
   // Hands the current control over to the account handler in this process, with accounts as Account-To: and channels
   // as Channel-To:. Both channels and others, the entries of channels that nobody serves, are recorded in Channel-To!,
@@ -86,10 +90,15 @@ public:
   // The host that receives mail for a host: the first matching line of the routing table decides. A target that begins
   // with "*" is relative to the host.
   SString RewriteSMTPAddrs(SString host);
-  // Completes and corrects the header of mail that enters here from a local account. Off at present: the header is left
-  // as it came. 0 means that the caller must stop.
+  // Completes and corrects the header of mail that enters here from a local account: removes and adds the fields that
+  // the section "/Header" names, fills in Date:, Message-ID: and From:, makes the account's SMTP-Address the envelope
+  // sender, and gives the poster's address the form of the account's SMTP-RewriteStyle. Mail of others stays as it
+  // came. A header that can't be read makes the message an error report, and the result is that of the report. 0:
+  // accounts or settings could not be read, or the header not written; the old one stands then, and the caller must
+  // stop.
   int RewriteHeader(S821Address const &sender);
-  // Fills the table from archive target to channel entries. Archiving is off at present: the table stays as it is.
+  // Fills the table from archive target ("host#port") to channel entries, by the archive rules and the raw envelope of
+  // the current control. Nothing for a message that this module has archived before.
   void CreateArchiveToCandidate(SNamedStringList &table);
 
   // Whether this run is a walk of the queue.
@@ -97,10 +106,12 @@ public:
 
 private:
   // Private to the sources; pass.h has the first two.
-  struct Pass;      // what one pass over a message's recipients knows
-  struct Entry;     // one recipient on its way through the decision
-  struct FanOut;    // what the copies of one fan-out have in common, and the batch at hand
-  struct Question;  // how a request wants accounts found
+  struct Pass;         // what one pass over a message's recipients knows
+  struct Entry;        // one recipient on its way through the decision
+  struct HeaderRules;  // which fields the site removes and adds
+  struct Poster;       // who a header says has sent it
+  struct Question;     // how a request wants accounts found
+  enum class HeaderStep { kDone, kUnreadable, kNotDone };
 
   // Settings and the steps in front of routing (smtprouter.cpp).
   bool _LoadConfig(Sdbfile &db);
@@ -108,9 +119,20 @@ private:
   bool _LoadRewriteDomains(Sdbfile &db);
   unsigned int _FailMail(char const *error, char const *location, SString const &text);
   bool _PrepareSender(unsigned int &result);
+  unsigned int _WaitAsItCame();
+
+  // The header (rewrite.cpp).
+  HeaderStep _CompleteHeader(S821Address const &sender);
+  unsigned int _FailHeader();
+  bool _FindSender(S821Address const &sender, SAccount &account);
+  void _FillInMissing(SHeader &header, S821Address const &sender);
+  void _StylePoster(SHeader &header);
+  SString _StyledAddress(Poster const &poster);
+  void _ExplainSender(SRouteObserver &observer);
 
   // The decision (addresses.cpp).
   void _BeginPass(Pass &pass);
+  bool _IsFromBypassHost();
   void _TakeEntries(Pass &pass, SStringList const &entries);
   void _NoteListMembers(Pass &pass);
   bool _RouteAll(Pass &pass);
@@ -139,18 +161,16 @@ private:
   void _KeepWhatIsLeft(Pass const &pass);
 
   // The fan-out (fanout.cpp).
-  int _PassFanOutOn(SNamedStringList &hosts, SStringList const &keys);
-  int _WriteBatch(FanOut &fan, SStringList const &keys);
-  int _WriteCopy(FanOut &fan, SString const &key);
-  void _UndoBatch(FanOut &fan);
-  int _CommitBatch(FanOut &fan);
-  void _ReleaseBatch(FanOut &fan);
-  bool _DeferToQueue(SControl &copy, SString const &host, int buckets);
+  int _PassFanOutOn(SNamedStringList &hosts);
+  bool _CommitBatch(SStringList const &entries, bool archive);
 
   // Hosts (hosts.cpp), the routing table (routetable.cpp), requests (request.cpp).
   bool _IsLocal(Pass &pass, SString const &host);
-  bool _IsThisHost(SString const &name) const;
-  bool _FindRoute(SString const &host, SString &target);
+  char const *_WhyLocal(Pass const &pass, SString const &host);
+  void _NoteHost(Pass const &pass, Entry const &entry, SString const &host);
+  SString _RouteHost(Pass const &pass, Entry const &entry, SString const &host);
+  bool _FindRoute(SString const &host, SRouteLine &line);
+  bool _FindFastRoute(SString const &host, SRouteLine &line);
   bool _AnswerAddress(Question const &question, S821Address &address, SRequest &request);
   SString _RequestedUid(Question const &question, bool directory, S821Address const &address);
   SString _DirectoryUid(Question const &question, S821Address const &address);
@@ -162,11 +182,11 @@ private:
   unsigned int _canonicalize = 0;
   unsigned int _queuePass = 0;
   SString _fastRoutePath;                // FastMRT; empty: none
-  std::unique_ptr<Sdbfile> _fastRoutes;  // opened on first use
-  SStringList _routeTargets;
+  std::shared_ptr<Sdbfile> _fastRoutes;  // opened on first use; null when it can't be read
+  bool _fastRoutesTried = false;
+  std::shared_ptr<SRouteTable const> _routes;  // null until loaded
   SNamedStringList _rewriteDomains;
-  std::unique_ptr<SPerlRegex[]> _routePatterns;  // at the places of the targets
-  SAccountHandlerModule _handler;                // works in this module's passes
+  SAccountHandlerModule _handler;  // works in this module's passes
   SSidelineSettings _sideline;
   SSidelineJudge _judge;
   SSidelineAction _sidelineAction;

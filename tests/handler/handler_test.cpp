@@ -323,18 +323,4 @@ TEST_F(HandlerTest, LongChainOfForwardsGoesOnByFile) {
   EXPECT_EQ(Controls(), "m.30-Shelf Shelf-Deliver: Shelf u30");
 }
 
-TEST_F(HandlerTest, ArchiveRuleIsToldOfAndHoldsNothingBack) {
-  AddAccount("ann", {{"Local-Delivery", {"Shelf"}}, {"Archive-Rule", {"archive.example"}}});
-  for (char const *enabled : {"yes", "no"}) {
-    ClearSpool();
-    Config("Account-Handler", "Config", "Archive-Enabled", enabled);
-    PutMail("m", {"Account-To: ann"});
-    testing::internal::CaptureStderr();
-    Handle("m");
-    std::string const log = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(log.find("Archive-Rule of ann") != std::string::npos, enabled == std::string("yes"));
-    EXPECT_EQ(Controls(), "m Shelf-Deliver: Shelf ann");
-  }
-}
-
 }  // namespace

@@ -190,13 +190,16 @@ TEST_F(DecisionTest, ExplainTellsTheStepsAndWritesNothing) {
       router.Explain({"SMTP <away@old.example>", "SMTP <any@second.example>", "SMTP <x%y.example@example.org>"}, steps),
       1);
   EXPECT_EQ(Joined(steps.told, "\n"),
+            "<away@old.example>: setting RewriteDomains old.example:example.org\n"
             "<away@old.example>: host example.org\n"
             "<away@old.example>: alias SMTP <x@far.example>\n"
             "<away@old.example>: alias SMTP <ANN@example.org>\n"
             "<any@second.example>: local domain second.example\n"
+            "<any@second.example>: setting LocalMailDomains\n"
             "<any@second.example>: catch-all rest\n"
             "<any@second.example>: account rest\n"
             "<x%y.example@example.org>: local domain example.org\n"
+            "<x%y.example@example.org>: setting LocalMailDomains\n"
             "<x%y.example@example.org>: percent refused SMTP <x%y.example@example.org>\n"
             "<x@far.example>: remote domain far.example\n"
             "<x@far.example>: sent to far.example\n"
