@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cstdio>
-#include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -13,7 +12,7 @@
 #include "brenthaven/accounts/safeuid.h"
 #include "brenthaven/accounts/special.h"
 #include "brenthaven/spool/accept.h"
-#include "command/command.h"
+#include "command/account.h"
 
 namespace {
 
@@ -45,16 +44,6 @@ bool IsAttribute(std::string const &name) {
 bool CheckAttribute(Command &command, std::string const &name) {
   if (IsAttribute(name)) return true;
   Fail(command, EX_DATAERR, "no such attribute: " + name);
-  return false;
-}
-
-// The account, or a Fail that tells a missing one from a store that can't be read.
-bool FindAccount(Command &command, std::string const &uid, SAccount &account) {
-  if (SAccountDB().GetAccountInfo(SString(uid), &account)) return true;
-  if (SAccountBase::ReadFailed())
-    Fail(command, EX_IOERR, "the account files cannot be read");
-  else
-    Fail(command, EX_NOUSER, "no such account: " + uid);
   return false;
 }
 
@@ -204,15 +193,6 @@ void ChangeAccount(Command &command, AccountOptions const &options, Change const
     Fail(command, EX_CANTCREAT, "cannot change the account " + options.uid);
 }
 
-void SetPassword(Command &command, AccountOptions const &options) {
-  std::string password;
-  if (!std::getline(std::cin, password) || password.empty())
-    return Fail(command, EX_DATAERR, "no password on standard input");
-  ChangeAccount(command, options, [&](SAccountMod &account) {
-    return account.Set(kAttrPassword, SStringList(SString(std::string_view(password))));
-  });
-}
-
 void DeleteAccount(Command &command, AccountOptions const &options) {
   SAccount account;
   if (!EnterInstance(command) || !FindAccount(command, options.uid, account)) return;
@@ -236,6 +216,15 @@ void BackupAccounts(Command &command) {
 }
 
 }  // namespace
+
+bool FindAccount(Command &command, std::string const &uid, SAccount &account) {
+  if (SAccountDB().GetAccountInfo(SString(uid), &account)) return true;
+  if (SAccountBase::ReadFailed())
+    Fail(command, EX_IOERR, "the account files cannot be read");
+  else
+    Fail(command, EX_NOUSER, "no such account: " + uid);
+  return false;
+}
 
 void AddAccount(CLI::App &app, Command &command) {
   auto const options = std::make_shared<AccountOptions>();
@@ -280,8 +269,9 @@ void AddAccount(CLI::App &app, Command &command) {
     ChangeAccount(c, o, [](SAccountMod &changed) { return changed.IsLocked() ? changed.Unlock() : 1; });
   }));
   withUID(add("delete", "delete an account and what other accounts say of it", DeleteAccount));
-  withUID(add("password", "set the password to a line of standard input", SetPassword));
   add("check", "check both account files against each other",
       [](Command &c, AccountOptions const &) { CheckAccounts(c); });
   add("backup", "copy both account files, in step", [](Command &c, AccountOptions const &) { BackupAccounts(c); });
+  AddAccountPassword(*account, command);
+  AddAccountSearch(*account, command);
 }

@@ -49,6 +49,13 @@ std::string ModuleDirectory() {
   return directory + "/../libexec/brenthaven";
 }
 
+void ShowProgress(int done, int total) {
+  constexpr int kWidth = 40;
+  if (!isatty(STDERR_FILENO)) return;
+  std::string const bar(static_cast<size_t>(total > 0 ? static_cast<long>(done) * kWidth / total : kWidth), '#');
+  fprintf(stderr, "\r[%-*s] %d of %d%s", kWidth, bar.c_str(), done, total, done == total ? "\n" : "");
+}
+
 SStringList ToList(std::vector<std::string> const &words) {
   SStringList list;
   list.Define();

@@ -34,11 +34,15 @@ std::string ModuleDirectory();
 void AddInit(CLI::App &app, Command &command);
 void AddConfig(CLI::App &app, Command &command);
 void AddAccount(CLI::App &app, Command &command);
+void AddAccountSearch(CLI::App &account, Command &command);  // below "account"
+void AddAccountPassword(CLI::App &account, Command &command);
 void AddAlias(CLI::App &app, Command &command);
 void AddSubmit(CLI::App &app, Command &command);
 void AddQueue(CLI::App &app, Command &command);
 void AddMailbox(CLI::App &app, Command &command);
+void AddList(CLI::App &app, Command &command);
 void AddTrace(CLI::App &app, Command &command);
+void AddAsk(CLI::App &app, Command &command);
 void AddDoctor(CLI::App &app, Command &command);
 
 // Prints the router's decision for each address, step by step: an exit code, EX_NOUSER when one would be refused.
@@ -49,6 +53,9 @@ int SendmailMain(int argc, char **argv);
 
 // "2026-11-24 17:34:04", in local time, for a listing.
 std::string LocalTimeText(time_t time);
+
+// How far a long run has come, on standard error, and on a terminal only, so that a log has no half lines.
+void ShowProgress(int done, int total);
 
 // A list of SString from what the command line gave.
 SStringList ToList(std::vector<std::string> const &words);

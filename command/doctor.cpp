@@ -9,10 +9,15 @@
 #include <memory>
 
 #include "brenthaven/accounts/accountdb.h"
+#include "brenthaven/accounts/attributes.h"
 #include "brenthaven/accounts/check.h"
 #include "brenthaven/accounts/special.h"
+#include "brenthaven/handler/fanout.h"
 #include "brenthaven/platform/files.h"
 #include "brenthaven/platform/sys.h"
+#include "brenthaven/router/archive.h"
+#include "brenthaven/router/filter.h"
+#include "brenthaven/router/routetable.h"
 #include "brenthaven/spool/control.h"
 #include "brenthaven/spool/keys.h"
 #include "brenthaven/store/sdbfile.h"
@@ -32,7 +37,9 @@ public:
     _CheckTree();
     _CheckEnvironment();
     _CheckModules();
+    _CheckRouting();
     _CheckAccounts();
+    _CheckArchives();
     _CheckTemporaries();
     _CheckQueue();
     _CheckMessages();
@@ -46,7 +53,9 @@ private:
   void _CheckTree();
   void _CheckEnvironment();
   void _CheckModules();
+  void _CheckRouting();
   void _CheckAccounts();
+  void _CheckArchives();
   void _CheckTemporaries();
   void _CheckQueue();
   void _CheckMessages();
@@ -112,6 +121,21 @@ void Doctor::_CheckModules() {
   }
 }
 
+// Lines of the router's settings that it passes over, and those for which it refuses to start.
+void Doctor::_CheckRouting() {
+  Sdbfile settings(kModuleSmtpRouter, 0, kProductWord);
+  if (settings.Open("/", 0))
+    for (SString const &fault : SRouteTable::Faults(settings.GetLong("RoutingTable")))
+      _Found("RoutingTable: " + ToStd(fault));
+  if (!settings.Open("/Config", 0)) return;
+  for (SString const &rule : settings.Get("Archive-Rule"))
+    if (SString const fault = SArchiveRule(rule).Fault(); fault.Length() > 0)
+      _Found("Archive-Rule: " + ToStd(rule) + " " + ToStd(fault));
+  SString badLine;
+  if (SHeaderFilter::Of(settings.Get("SideLineDetailFilters"), &badLine) == nullptr)
+    _Found("SideLineDetailFilters: " + ToStd(badLine) + " is no filter line");
+}
+
 void Doctor::_CheckAccounts() {
   SAccountCheck const check = CheckAccountFiles([this](SString const &fault) { _Found("accounts: " + ToStd(fault)); });
   if (check.readFailed || SAccountBase::ReadFailed())
@@ -120,6 +144,20 @@ void Doctor::_CheckAccounts() {
     _Found("there are no accounts");
   else if (!SAccountDB().GetAccountInfo(kPostmasterUID, nullptr))
     _Found("there is no account Postmaster");
+}
+
+// What accounts say of their archive, where that is looked at.
+void Doctor::_CheckArchives() {
+  Sdbfile settings(kModuleAccountHandler, 0, kProductWord);
+  if (!settings.Open("/Config", 0) || settings.Get("Archive-Enabled").Get(0) != "yes") return;
+  SAccountDB accounts;
+  for (SString const &uid : accounts.AccountUIDList()) {
+    SAccount account;
+    if (!accounts.GetAccountInfo(uid, &account)) continue;
+    SString const target = account.GetString(kAttrArchiveRule);
+    if (target.Length() > 0 && !IsArchiveTarget(target))
+      _Found("Archive-Rule of the account " + ToStd(uid) + " names no host: " + ToStd(target));
+  }
 }
 
 void Doctor::_CheckTemporaries() {

@@ -9,6 +9,7 @@
 #include "brenthaven/accounts/accountdb.h"
 #include "brenthaven/accounts/attributes.h"
 #include "brenthaven/accounts/special.h"
+#include "brenthaven/lists/listtexts.h"
 #include "brenthaven/platform/barrier.h"
 #include "brenthaven/platform/files.h"
 #include "brenthaven/platform/sys.h"
@@ -24,8 +25,9 @@ struct InitOptions {
   std::string host;
 };
 
-constexpr char const *kDirectories[] = {"messages",  "control", "control/failed", "deferred", "config",
-                                        "mailboxes", "run"};
+constexpr char const *kDirectories[] = {
+    "messages", "control",  "control/failed",         "deferred",    "config", "mailboxes",
+    "run",      "listdata", "List-Exploder/approval", "List-Manager"};
 
 // The sections that the modules open when they start; one that is missing would keep its module from starting.
 struct SectionRow {
@@ -35,6 +37,9 @@ struct SectionRow {
 constexpr SectionRow kSections[] = {
     {"SMTP-Router", "/Config"},     {"SMTP-Router", "/Error-Actions"}, {"Account-Handler", "/Config"},
     {"Mailbox-Deliver", "/Config"}, {"Mailbox-Deliver", "/Messages"},  {"Dispatcher", "/Config"},
+    {"List-Exploder", "/Config"},   {"List-Manager", "/Config"},       {"List-Manager", "/Log"},
+    {"List-Manager", "/Messages"},  {"Error-Handler", "/Error-Actions"},
+    {"SMTP-Router", "/Directory"},  {"LDAP-Reference", "/Config"},
 };
 
 // Texts that an installation starts with, in English; an administrator changes them with `config set`.
@@ -82,6 +87,17 @@ std::string EnvironmentText(InitOptions const &options) {
          "MaxDirectDelivery=512\n";
 }
 
+constexpr char kSecretName[] = "\nFormSigKey=";
+constexpr int kSecretLength = 32;  // hexadecimal digits
+
+// The secret of the keys that confirm list requests.
+std::string SecretText() {
+  std::string text = "# Secret of the keys by which addresses confirm requests to mailing lists.";
+  text += kSecretName;
+  for (int i = 0; i < kSecretLength; ++i) text += "0123456789abcdef"[RandomInt(16)];
+  return text + "\n";
+}
+
 bool MakeTree(Command &command) {
   for (char const *name : kDirectories)
     if (!MakeDir(SString(command.root) + "/" + name, 0770)) {
@@ -93,12 +109,26 @@ bool MakeTree(Command &command) {
 
 bool WriteEnvironment(Command &command, InitOptions const &options) {
   SString const path = SString(command.root) + "/config/environment";
-  if (FileExists(path)) return true;
+  SString const before = FileExists(path) ? MapFileRead(path) : SString(EnvironmentText(options));
+  if (!before.Defined()) {
+    Fail(command, EX_NOINPUT, "cannot read " + ToStd(path) + ": " + ToStd(GetErrorString(-1)));
+    return false;
+  }
+  if (("\n" + before).Index(kSecretName) >= 0) return true;
+  std::string const gap = before.Length() > 0 && before[-1] != '\n' ? "\n" : "";
   SString const temp = path + ".temp";
   (void)RemoveFile(temp);  // left by a run that died
-  if (MapFileWrite(temp, SString(EnvironmentText(options))) && Rename(temp, path)) return true;
+  SSyncBarrier barrier;
+  barrier.AddFile(temp);
+  if (MapFileWrite(temp, before + SString(gap + SecretText())) && barrier.Commit() && Rename(temp, path)) return true;
   Fail(command, EX_CANTCREAT, "cannot write " + ToStd(path) + ": " + ToStd(GetErrorString(-1)));
   return false;
+}
+
+// Gives a setting its text unless it has one.
+bool WriteText(TextRow const &row) {
+  Sdbfile store(row.module, 1, kProductWord);
+  return store.Open(row.section, 1) && (store.Get(row.key).Length() > 0 || store.Set(row.key, SStringList(row.text)));
 }
 
 bool WriteSettings(Command &command, InitOptions const &options) {
@@ -107,13 +137,9 @@ bool WriteSettings(Command &command, InitOptions const &options) {
     Sdbfile store(row.module, 1, kProductWord);
     good = store.Open(row.section, 1) != 0 && good;
   }
-  for (TextRow const &row : kTexts) {
-    Sdbfile store(row.module, 1, kProductWord);
-    if (!store.Open(row.section, 1))
-      good = false;
-    else if (store.Get(row.key).Length() == 0)
-      good = store.Set(row.key, SStringList(row.text)) != 0 && good;
-  }
+  for (TextRow const &row : kTexts) good = WriteText(row) && good;
+  for (listtexts::Row const &row : listtexts::kTable)
+    good = WriteText({"List-Manager", "/Messages", row.key, row.text}) && good;
   Sdbfile accounts("MTA-Accounts", 1, kProductWord);
   if (accounts.Open("/", 1) && !accounts.Get("LocalMailDomains").Contains(SString(options.domain))) {
     SStringList domains = accounts.Get("LocalMailDomains");

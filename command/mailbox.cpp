@@ -158,14 +158,6 @@ void PrintSizes(Command &command, MailboxOptions const &options) {
   if (options.json) puts(all.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
 }
 
-// On a terminal only, so that a log has no half lines.
-void ShowProgress(int done, int total) {
-  constexpr int kWidth = 40;
-  if (!isatty(STDERR_FILENO)) return;
-  std::string const bar(static_cast<size_t>(total > 0 ? done * kWidth / total : kWidth), '#');
-  fprintf(stderr, "\r[%-*s] %d of %d%s", kWidth, bar.c_str(), done, total, done == total ? "\n" : "");
-}
-
 void Recount(Command &command, MailboxOptions const &options) {
   if (!EnterInstance(command)) return;
   SStringList uids = SAccountDB().AccountUIDList();

@@ -36,7 +36,9 @@ int Run(int argc, char **argv) {
   AddSubmit(app, command);
   AddQueue(app, command);
   AddMailbox(app, command);
+  AddList(app, command);
   AddTrace(app, command);
+  AddAsk(app, command);
   AddDoctor(app, command);
   try {
     app.parse(argc, argv);

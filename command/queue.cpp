@@ -12,6 +12,7 @@
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/spool/control.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/spool/returned.h"
 #include "brenthaven/text/base.h"
 #include "command/command.h"
 #include "command/spoolfiles.h"
@@ -26,7 +27,8 @@ struct QueueOptions {
   bool json = false;
 };
 
-constexpr int kShownRecipients = 20;  // on one line of a listing; JSON has all
+constexpr char kTraceWord[] = "Queue";  // stands in Trace: for a control that this command has written
+constexpr int kShownRecipients = 20;    // on one line of a listing; JSON has all
 
 SStringList RecipientsOf(SControl const &control) {
   SStringList all;
@@ -38,11 +40,13 @@ SStringList RecipientsOf(SControl const &control) {
   return all;
 }
 
-// Why the message waits: the error it was filed for, what the last pass noted, or nothing.
+// Why the message waits: the error it was filed for, with the first line of its text, what the last pass noted, or
+// nothing.
 SString ReasonOf(SControl const &control) {
-  for (char const *key : {kKeyError, kKeyDeferReason})
-    if (SString reason = control.Get(key).Get(0); reason.Length() > 0) return reason;
-  return {};
+  SString const error = control.Get(kKeyError).Get(0);
+  if (error.Length() == 0) return control.Get(kKeyDeferReason).Get(0);
+  SString const text = control.Get(kKeyErrorText).Get(0);
+  return text.Length() > 0 ? error + ": " + text : error;
 }
 
 std::string Joined(SStringList const &list, int limit) {
@@ -134,7 +138,8 @@ void RunQueue(Command &command, QueueOptions const &options) {
   if (!options.module.empty())
     modules.push_back(options.module);
   else
-    for (SString const &path : ReadDir(SString(command.root) + "/deferred")) modules.push_back(ToStd(BaseName(path)));
+    for (SString const &path : ReadDir(SString(command.root) + "/deferred"))
+      if (std::string const name = ToStd(BaseName(path)); !IsHoldingPlace("deferred:" + name)) modules.push_back(name);
   for (std::string const &module : modules) {
     int const code = RunModuleProgram(module, "ProcessQueue");
     if (code < 0)
@@ -151,23 +156,37 @@ bool MoveControl(Command &command, SpoolFile const &file, std::string const &dir
   return false;
 }
 
-void HoldMessage(Command &command, QueueOptions const &options) {
+void Hold(Command &command, QueueOptions const &options) {
   SpoolFile file;
   if (!EnterInstance(command) || !FindMessage(command, options.name, file)) return;
-  if (file.place == kPlaceHeld) return;
+  if (file.place == kPlaceHeld || IsHoldingPlace(file.place)) return;
   (void)MoveControl(command, file, command.root + "/control/held");
 }
 
-void ReleaseMessage(Command &command, QueueOptions const &options) {
+// Rewrites what a module held, where it lies, so that it goes on in place of being held again: mail for the module that
+// failed on it; and what is no mail any more, an error record, with a Trace: that tells that a person let it go.
+bool Approve(Command &command, SpoolFile const &file) {
+  SControl control((SString(file.path)));
+  if (control.Read() != 0) {
+    control.SetModuleName(kTraceWord);
+    (void)ResumeMessage(control);
+    if (control.Write()) return true;
+  }
+  Fail(command, EX_CANTCREAT, "cannot rewrite " + file.path + ": " + ToStd(GetErrorString(-1)));
+  return false;
+}
+
+void Release(Command &command, QueueOptions const &options) {
   SpoolFile file;
   if (!EnterInstance(command) || !FindMessage(command, options.name, file)) return;
+  if (IsHoldingPlace(file.place) && !Approve(command, file)) return;
   if (file.place != kPlaceWaiting && !MoveControl(command, file, command.root + "/control")) return;
   SControl control((SString(file.name)));
   if (control.Read() == 0) return Fail(command, EX_DATAERR, "its control file cannot be read: " + options.name);
   if (!control.Notify()) fputs("brenthaven: no dispatcher runs; it will find the message when it starts\n", stderr);
 }
 
-void RemoveMessage(Command &command, QueueOptions const &options) {
+void Remove(Command &command, QueueOptions const &options) {
   SpoolFile file;
   if (!EnterInstance(command) || !FindMessage(command, options.name, file)) return;
   if (!RemoveFile(SString(file.path)))
@@ -193,7 +212,7 @@ void AddQueue(CLI::App &app, Command &command) {
       ->add_flag("--json", options->json, "print JSON");
   withName(add("show", "control file and header of a message", ShowMessage));
   add("run", "walk the deferred queue now", RunQueue)->add_option("MODULE", options->module, "all without it");
-  withName(add("hold", "keep a message from being worked on", HoldMessage));
-  withName(add("release", "let a held, failed or deferred message go on", ReleaseMessage));
-  withName(add("remove", "delete a message and its files", RemoveMessage));
+  withName(add("hold", "keep a message from being worked on", Hold));
+  withName(add("release", "let a held, sidelined, failed or deferred message go on", Release));
+  withName(add("remove", "delete a message and its files", Remove));
 }

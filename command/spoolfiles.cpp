@@ -10,12 +10,14 @@
 #include "brenthaven/platform/environment.h"
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/spool/returned.h"
 #include "brenthaven/text/base.h"
 #include "brenthaven/text/sstringlist.h"
 #include "command/command.h"
 
 namespace {
 
+constexpr char kDeferredPlace[] = "deferred";
 constexpr int kDeepest = 2;  // deferred/MODULE/HOST
 
 // Adds the control files of a directory, and of those below it down to `depth` levels.
@@ -27,7 +29,7 @@ void Collect(SString const &directory, std::string const &place, int depth, std:
     if (S_ISDIR(info.st_mode)) {
       if (depth == 0) continue;
       std::string below = place;
-      below.append(place == "deferred" ? ":" : "/").append(name);
+      below.append(place == kDeferredPlace ? ":" : "/").append(name);
       Collect(path, below, depth - 1, files);
     } else if (S_ISREG(info.st_mode) && name.ends_with(kControlSuffix)) {
       files.push_back({ToStd(BaseName(path, kControlSuffix)), ToStd(path), place, info.st_mtime});
@@ -43,11 +45,17 @@ std::vector<SpoolFile> FindSpoolFiles(std::string const &root) {
   Collect(control, kPlaceWaiting, 0, files);
   Collect(control + "/held", kPlaceHeld, 0, files);
   Collect(control + "/failed", kPlaceFailed, 0, files);
-  Collect(SString(root) + "/deferred", "deferred", kDeepest, files);
+  Collect(SString(root) + "/deferred", kDeferredPlace, kDeepest, files);
   std::stable_sort(files.begin(), files.end(), [](SpoolFile const &a, SpoolFile const &b) {
     return std::tie(a.since, a.name) < std::tie(b.since, b.name);
   });
   return files;
+}
+
+bool IsHoldingPlace(std::string const &place) {
+  for (char const *name : {kSidelinePlace, kHeldPlace})
+    if ((place + "/").starts_with(std::string(kDeferredPlace) + ":" + name + "/")) return true;
+  return false;
 }
 
 int RunModuleProgram(std::string const &module, std::string const &word) {

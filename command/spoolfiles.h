@@ -14,6 +14,9 @@ inline constexpr char kPlaceWaiting[] = "waiting";  // in control/: a module wor
 inline constexpr char kPlaceHeld[] = "held";        // in control/held: until somebody releases it
 inline constexpr char kPlaceFailed[] = "failed";    // in control/failed: its module gave up on it
 
+// Whether a place is one where a module holds messages for a person to decide (spool/returned.h): no walk takes them.
+bool IsHoldingPlace(std::string const &place);
+
 // All control files below the root, oldest first.
 std::vector<SpoolFile> FindSpoolFiles(std::string const &root);
 

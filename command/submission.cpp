@@ -14,6 +14,7 @@
 #include "brenthaven/platform/dates.h"
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/store/sdbfile.h"
 #include "brenthaven/text/base.h"
 #include "command/command.h"
 
@@ -214,6 +215,8 @@ std::string_view InputReader::ReadBlock() {
 LocalAcceptance::LocalAcceptance(char const *via)
     : _module(std::make_unique<SubmitModule>()), _acceptance(std::make_unique<SAcceptance>(*_module)) {
   _acceptance->GetControl()[kKeySubmittedVia] = via;
+  // Only where somebody reads it: for many recipients it doubles every control file of the message.
+  if (Sdbfile::GetDirect("SMTP-Router/Config/Archive-Enabled").Get(0) == "yes") _acceptance->KeepRawEnvelope();
 }
 
 LocalAcceptance::~LocalAcceptance() = default;

@@ -42,12 +42,17 @@ int ExplainAddresses(Command &command, std::vector<std::string> const &addresses
     Fail(command, EX_CONFIG, "the settings of SMTP-Router cannot be opened");
     return command.code;
   }
-  router.GetControl()[kKeyUserFrom] = sender.empty() ? SString("SMTP<>") : "SMTP " + Bracketed(sender);
+  SControl &control = router.GetControl();  // of a message that is nowhere but in memory
+  control[kKeyUserFrom] = sender.empty() ? SString(kNullSender) : kChannelPrefix + Bracketed(sender);
+  control[kKeyRawMailFrom] = Bracketed(sender);
   SStringList entries;
-  for (std::string const &address : addresses) entries.Push("SMTP " + Bracketed(address));
+  for (std::string const &address : addresses) {
+    control[kKeyRawRcptTo].Push(Bracketed(address));
+    entries.Push(kChannelPrefix + Bracketed(address));
+  }
   PrintingObserver observer;
   if (!router.Explain(entries, observer))
-    Fail(command, EX_TEMPFAIL, "accounts or aliases cannot be read");
+    Fail(command, EX_TEMPFAIL, "accounts, aliases or settings cannot be read");
   else if (observer.refused)
     command.code = EX_NOUSER;
   return command.code;

@@ -21,6 +21,22 @@ TEST_F(ConfigTest, InitTwiceKeepsWhatTheAdministratorChanged) {
   EXPECT_EQ(Brenthaven({"init", "--domain", "a/../b", "--host", "h"}).code, EX_DATAERR);
 }
 
+TEST_F(ConfigTest, InitGivesAnOlderInstanceWhatListsNeed) {
+  std::string const environment = FileBytes("config/environment");
+  size_t const line = environment.find("\nFormSigKey=");
+  ASSERT_NE(line, std::string::npos);
+  size_t const secret = line + std::string("\nFormSigKey=").size();
+  EXPECT_EQ(environment.find_first_not_of("0123456789abcdef", secret), secret + 32);
+  PutFile("config/environment", "HostName=mail.example.org");
+  Init();
+  std::string const mended = FileBytes("config/environment");
+  EXPECT_TRUE(mended.starts_with("HostName=mail.example.org\n#"));
+  EXPECT_NE(mended.find("\nFormSigKey="), std::string::npos);
+  EXPECT_EQ(mended.find(environment.substr(secret, 32)), std::string::npos) << "a secret of its own";
+  EXPECT_NE(Good({"config", "get", "List-Manager/Messages/AuthKeyRequest"}).find("<+++AuthKey+++>"), std::string::npos);
+  EXPECT_TRUE(Exists("List-Exploder/approval"));
+}
+
 TEST_F(ConfigTest, CallsWithoutAnInstanceSaySo) {
   ProgramRun run = Brenthaven({"--root", Path("nowhere"), "config", "list"});
   EXPECT_EQ(run.code, EX_NOINPUT);

@@ -58,6 +58,42 @@ TEST_F(DoctorTest, PlantedFaultTable) {
          Good({"account", "delete", "Postmaster"});
        },
        [&] { Init(); }},
+      {"RoutingTable: no line is not of the form pattern:target", false,
+       [&] {
+         Good({"config", "set", "SMTP-Router//RoutingTable", "a.example:b", "no line"});
+       },
+       [&] {
+         Good({"config", "unset", "SMTP-Router//RoutingTable"});
+       }},
+      {"RoutingTable: ((:b has a pattern that does not compile", false,
+       [&] {
+         Good({"config", "set", "SMTP-Router//RoutingTable", "((:b"});
+       },
+       [&] {
+         Good({"config", "unset", "SMTP-Router//RoutingTable"});
+       }},
+      {"Archive-Rule: <*><*><vault> not of the form", false,
+       [&] {
+         Good({"config", "set", "SMTP-Router/Config/Archive-Rule", "<*><*><vault><>", "<*><*><vault>"});
+       },
+       [&] {
+         Good({"config", "unset", "SMTP-Router/Config/Archive-Rule"});
+       }},
+      {"SideLineDetailFilters: Subject spam and is no filter line", false,
+       [&] {
+         Good({"config", "set", "SMTP-Router/Config/SideLineDetailFilters", "Subject spam and"});
+       },
+       [&] {
+         Good({"config", "unset", "SMTP-Router/Config/SideLineDetailFilters"});
+       }},
+      {"Archive-Rule of the account ann names no host: a/b", false,
+       [&] {
+         Good({"account", "set", "ann", "Archive-Rule", "a/b"});
+         Good({"config", "set", "Account-Handler/Config/Archive-Enabled", "yes"});
+       },
+       [&] {
+         Good({"account", "delete", "ann"});
+       }},
       {"account files", false, [&] { PutFile("config/BTAccounts.a", std::string(65536, '\x5a')); }, nullptr},
   };
   EXPECT_EQ(Good({"doctor"}), "all well\n");

@@ -27,7 +27,7 @@ protected:
 TEST_F(QueueCommandTest, ListTellsPlaceModuleAndReason) {
   PutMessage("control", "m1");
   PutMessage("control/held", "m2");
-  PutMessage("control/failed", "m3", "Error: SMTP-Router:x (y)\r\n");
+  PutMessage("control/failed", "m3", "Error: SMTP-Router:x (y)\r\nError-Text: why\r\nError-Text: more\r\n");
   PutMessage("deferred/SMTP-Router", "m4");
   PutMessage("deferred/SMTP-Deliver/far.example", "m5", "Defer-Reason: no answer\r\n");
   PutFile("control/torn-Control", "no field");
@@ -38,7 +38,7 @@ TEST_F(QueueCommandTest, ListTellsPlaceModuleAndReason) {
   } const rows[] = {
       {"m1  waiting  SMTP-Router  ", "  SMTP <a@b.c> -> SMTP <ann@example.org>"},
       {"m2  held  ", ""},
-      {"m3  failed  ", "  (SMTP-Router:x (y))"},
+      {"m3  failed  ", "  (SMTP-Router:x (y): why)"},
       {"m4  deferred:SMTP-Router  ", ""},
       {"m5  deferred:SMTP-Deliver/far.example  ", "  (no answer)"},
       {"torn  waiting  ", "(cannot be read)"},
@@ -73,6 +73,45 @@ TEST_F(QueueCommandTest, HoldReleaseShowAndRemove) {
     EXPECT_EQ(Brenthaven({"queue", call, "m1"}).code, EX_NOINPUT) << call;
   for (char const *name : {"../config/environment", "", "."})
     EXPECT_EQ(Brenthaven({"queue", "remove", name}).code, EX_NOINPUT) << name;
+}
+
+// What the judge or the error handler held lies outside of every queue. Released it is mail for the module that failed,
+// and what is no mail goes back to the error handler with a mark.
+TEST_F(QueueCommandTest, MessagesHeldByModulesAreReleasedToWhereTheyFailed) {
+  auto const put = [this](std::string const &place, std::string const &name, std::string const &type,
+                          std::string const &more) {
+    PutFile("deferred/" + place + "/" + name + "-Control",
+            "Function: Error-Handler\r\nControl-Type: " + type + "\r\nUser-From: SMTP <a@b.c>\r\n" + more);
+  };
+  PutMessage("deferred/Sideline", "m1");
+  put("Sideline", "m1", "Mail",
+      "Channel-To: SMTP <ann@example.org>\r\nError: SMTP-Router:ProcessMailAllError (SideLined)\r\n"
+      "Error-Text: RBL true, Sidelining\r\nError-Number: 2\r\nTrace: Submit\r\nTrace: Sideline\r\n");
+  put("Held", "m2", "Mail",
+      "Deliver-To: Mailbox ann\r\nError: Mailbox-Deliver:DeliverMessage (OverQuota)\r\nTrace: Held\r\n");
+  put("Held", "m3", "Error", "Error: Dispatch:DiskLimits (LowDiskSpaceWarning)\r\nTrace: Held\r\n");
+  PutMessage("deferred/SMTP-Router", "m4");
+  std::string const list = Good({"queue", "list"});
+  for (char const *part : {"m1  deferred:Sideline  Error-Handler  ", "(SideLined): RBL true, Sidelining)\n",
+                           "m2  deferred:Held  Error-Handler  "})
+    EXPECT_NE(list.find(part), std::string::npos) << part << list;
+  for (char const *name : {"m1", "m2"}) Good({"queue", "hold", name});
+  EXPECT_TRUE(Exists("deferred/Sideline/m1-Control")) << "is held already";
+  for (char const *name : {"m1", "m2", "m3", "m4"}) EXPECT_EQ(Brenthaven({"queue", "release", name}).code, 0) << name;
+  EXPECT_EQ(FileBytes("control/m1-Control"),
+            "Function: SMTP-Router\r\nControl-Type: Mail\r\nUser-From: SMTP <a@b.c>\r\n"
+            "Channel-To: SMTP <ann@example.org>\r\nTrace: Submit\r\nTrace: Sideline\r\nTrace: Queue\r\n");
+  EXPECT_EQ(FileBytes("control/m2-Control"),
+            "Function: Mailbox-Deliver\r\nControl-Type: Mail\r\nUser-From: SMTP <a@b.c>\r\n"
+            "Deliver-To: Mailbox ann\r\nTrace: Held\r\nTrace: Queue\r\n");
+  EXPECT_NE(FileBytes("control/m3-Control").find("Function: Error-Handler\r\n"), std::string::npos);
+  EXPECT_NE(FileBytes("control/m3-Control").find("Trace: Held\r\nTrace: Queue\r\n"), std::string::npos);
+  EXPECT_EQ(FileBytes("control/m4-Control").find("Trace:"), std::string::npos) << "a deferred one just goes on";
+  PutMessage("deferred/Sideline", "m5");
+  EXPECT_EQ(Brenthaven({"queue", "run"}).code, 0) << "walks no place of held messages";
+  EXPECT_TRUE(Exists("deferred/Sideline/m5-Control"));
+  Good({"queue", "remove", "m5"});
+  EXPECT_FALSE(Exists("deferred/Sideline/m5-Control") || Exists("messages/m5-Header") || Exists("messages/m5-Body"));
 }
 
 TEST_F(QueueCommandTest, RunDeliversAndTheMailboxCommandsShowIt) {

@@ -50,23 +50,31 @@ TEST_F(RoadTest, OneMessageForAllKindsOfRecipientsEndsInFourPlaces) {
        "Subject: all\n\nbody\n");
   // Its own control goes before its header and body do.
   EXPECT_TRUE(Eventually([&] {
-    return Functions() == Words({"Error-Handler", "SMTP-Deliver"}) && NamesIn("messages").size() == 4;
-  })) << "header and body for the remote host and for the error record";
+    return Functions() == Words({"SMTP-Deliver", "SMTP-Deliver"}) && NamesIn("messages").size() == 4;
+  })) << "header and body for the remote host and for the report to the sender";
   std::string const stored = "Return-Path: <sender@far.example>\r\nSubject: all\r\n\r\nbody\n";
   EXPECT_EQ(StoredFor("ann"), Words({stored})) << "once, in spite of the alias";
   EXPECT_EQ(StoredFor("bob"), Words({stored}));
   EXPECT_EQ(CountIn("deferred"), 0);
   for (std::string const &name : NamesIn("control")) {
     std::string const control = FileBytes("control/" + name);
-    bool const remote = control.find("Function: SMTP-Deliver\r\n") != std::string::npos;
+    bool const report = control.find("Error-Msg-Type: ReturnMessage\r\n") != std::string::npos;
     for (char const *line :
-         remote ? std::vector<char const *>{"Host-To: remote.example\r", "Channel-To: SMTP <x@remote.example>\r"}
-                : std::vector<char const *>{"Channel-To: SMTP <nobody@example.org>\r"})
+         report ? std::vector<char const *>{"Host-To: far.example\r", "Channel-To: SMTP <sender@far.example>\r"}
+                : std::vector<char const *>{"Host-To: remote.example\r", "Channel-To: SMTP <x@remote.example>\r"})
       EXPECT_TRUE(HasLine(control, line)) << line << "\n" << control;
     EXPECT_EQ(control.find("ann@"), std::string::npos) << control;
     std::string const message = name.substr(0, name.rfind('-'));
-    EXPECT_EQ(FileBytes("messages/" + message + "-Header"), "Subject: all\r\n") << name;
-    EXPECT_EQ(FileBytes("messages/" + message + "-Body"), "body\n") << name;
+    std::string const header = FileBytes("messages/" + message + "-Header");
+    std::string const body = FileBytes("messages/" + message + "-Body");
+    if (report) {
+      EXPECT_TRUE(HasLine(header, "Subject: Mail System Error - Returned Mail\r")) << header;
+      EXPECT_TRUE(HasLine(body, "Final-Recipient: rfc822; nobody@example.org\r")) << body;
+      EXPECT_NE(body.find("\r\n\r\nSubject: all\r\n\r\nbody\r\n"), std::string::npos) << body;
+    } else {
+      EXPECT_EQ(header, "Subject: all\r\n") << name;
+      EXPECT_EQ(body, "body\n") << name;
+    }
   }
 }
 
