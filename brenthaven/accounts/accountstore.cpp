@@ -3,6 +3,7 @@
 #include <array>
 
 #include "brenthaven/accounts/attributes.h"
+#include "brenthaven/text/base.h"
 
 namespace {
 
@@ -33,7 +34,7 @@ namespace accountstore {
 SObjectDB &Objects() { return Store().objects; }
 
 void LockWrite() {
-  ++Store().depth;
+  if (++Store().depth == 1) Store().objects.SetJournaled(GetEnv("AccountJournal") != "no");
   Store().objects.LockWrite();
 }
 

@@ -1,7 +1,13 @@
 #include "brenthaven/store/page.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
+#include "brenthaven/platform/sys.h"
 #include "brenthaven/store/db185.h"
 
 namespace {
@@ -40,6 +46,14 @@ constexpr std::uint32_t kLargest = 1u << 30;  // no item is longer; keeps a made
 
 unsigned long damagedPages = 0;
 Convert engineAfterRead = nullptr;
+Convert engineBeforeWrite = nullptr;
+
+std::vector<SPageShadow *> &Shadows() {
+  static std::vector<SPageShadow *> shadows;  // attached ones: at most two where accounts are written
+  return shadows;
+}
+
+PageCache *CacheOf(void *engine) { return *static_cast<PageCache **>(engine); }
 
 std::uint32_t Number(unsigned char const *at) {
   std::uint32_t number;
@@ -85,16 +99,42 @@ void MakeEmptyLeaf(unsigned char *page, size_t size, std::uint32_t number) {
   std::memcpy(page + sizeof head, bounds, sizeof bounds);
 }
 
-void CheckAfterRead(void *cookie, std::uint32_t number, void *page) {
-  engineAfterRead(cookie, number, page);
-  if (number == 0) return;  // metadata, looked at when the file was opened
-  size_t const size = (*static_cast<PageCache **>(cookie))->pageSize;
-  if (IsSoundPage(static_cast<unsigned char *>(page), size, number)) return;
-  ++damagedPages;
-  MakeEmptyLeaf(static_cast<unsigned char *>(page), size, number);
-}
-
 }  // namespace
+
+// What the engine calls for each page, in place of its own conversions, which they call.
+struct SPageHooks {
+  static SPageShadow *ShadowOf(void *engine) {
+    for (SPageShadow *shadow : Shadows())
+      if (shadow->_engine == engine) return shadow;
+    return nullptr;
+  }
+
+  static void AfterRead(void *engine, std::uint32_t number, void *page) {
+    size_t const size = CacheOf(engine)->pageSize;
+    SPageShadow const *shadow = ShadowOf(engine);
+    // The engine has read from the shadow, where nothing stands yet.
+    if (shadow != nullptr && !shadow->_Holds(number) && !ReadPage(shadow->_file, number, page, size))
+      std::memset(page, 0, size);
+    engineAfterRead(engine, number, page);
+    if (number == 0) return;  // metadata, looked at when the file was opened
+    if (IsSoundPage(static_cast<unsigned char *>(page), size, number)) return;
+    ++damagedPages;
+    MakeEmptyLeaf(static_cast<unsigned char *>(page), size, number);
+  }
+
+  static void BeforeWrite(void *engine, std::uint32_t number, void *page) {
+    engineBeforeWrite(engine, number, page);
+    SPageShadow *shadow = ShadowOf(engine);
+    if (shadow == nullptr) return;
+    if (number >= shadow->_held.size()) shadow->_held.resize(number + 1);
+    shadow->_held[number] = true;
+  }
+
+  static bool ReadPage(int file, std::uint32_t number, void *page, size_t size) {
+    return sys::Pread(file, page, size, static_cast<off_t>(number) * static_cast<off_t>(size)) ==
+           static_cast<ssize_t>(size);
+  }
+};
 
 bool IsSoundPage(unsigned char const *page, size_t size, std::uint32_t number) {
   if (Number(page) != number) return false;
@@ -117,13 +157,70 @@ bool IsSoundPage(unsigned char const *page, size_t size, std::uint32_t number) {
 
 bool WatchPages(SBTreeEngine *engine) {
   void *internal = engine->internal;
-  PageCache *cache = *static_cast<PageCache **>(internal);
+  PageCache *cache = CacheOf(internal);
   bool const isKnown = cache->descriptor == engine->fd(engine) && cache->cookie == internal && cache->pageSize >= 512 &&
-                       cache->pageSize < 65536 && cache->afterRead != nullptr;
+                       cache->pageSize < 65536 && cache->afterRead != nullptr && cache->beforeWrite != nullptr;
   if (!isKnown) return false;
-  if (cache->afterRead != CheckAfterRead) engineAfterRead = cache->afterRead;
-  cache->afterRead = CheckAfterRead;
+  engineAfterRead = cache->afterRead;
+  engineBeforeWrite = cache->beforeWrite;
+  cache->afterRead = SPageHooks::AfterRead;
+  cache->beforeWrite = SPageHooks::BeforeWrite;
   return true;
 }
 
 unsigned long DamagedPages() { return damagedPages; }
+
+bool SPageShadow::Attach(SBTreeEngine *engine, int file) {
+  PageCache *cache = CacheOf(engine->internal);
+  if (cache->afterRead != SPageHooks::AfterRead) {
+    errno = ENOSYS;
+    return false;
+  }
+  _memory = SDescriptor(memfd_create("brenthaven", MFD_CLOEXEC));
+  if (!_memory.IsOpen()) return false;
+  _file = file;
+  _pageSize = cache->pageSize;
+  _engine = engine->internal;
+  if (!_Resize()) {
+    Detach();
+    return false;
+  }
+  Shadows().push_back(this);
+  cache->descriptor = _memory.Get();
+  return true;
+}
+
+void SPageShadow::Detach() {
+  std::erase(Shadows(), this);
+  _memory = SDescriptor();
+  _held.clear();
+  _engine = nullptr;
+}
+
+void SPageShadow::Abandon() {
+  if (!IsAttached()) return;
+  SDescriptor const other(memfd_create("brenthaven", MFD_CLOEXEC));
+  // Under the number that the engine knows. Without a descriptor to spare the engine's writes fail instead.
+  if (!other.IsOpen() || dup3(other.Get(), _memory.Get(), O_CLOEXEC) < 0) _memory = SDescriptor();
+}
+
+std::vector<std::uint32_t> SPageShadow::Pages() const {
+  std::vector<std::uint32_t> numbers;
+  for (std::uint32_t number = 0; number < _held.size(); ++number)
+    if (_held[number]) numbers.push_back(number);
+  return numbers;
+}
+
+bool SPageShadow::Read(std::uint32_t number, void *page) const {
+  return SPageHooks::ReadPage(_memory.Get(), number, page, _pageSize);
+}
+
+bool SPageShadow::Clear() {
+  _held.clear();
+  return sys::Ftruncate(_memory.Get(), 0) == 0 && _Resize();
+}
+
+// The engine wants whole pages wherever it reads.
+bool SPageShadow::_Resize() {
+  return sys::Ftruncate(_memory.Get(), static_cast<off_t>(CacheOf(_engine)->filePages * _pageSize)) == 0;
+}
