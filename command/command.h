@@ -34,12 +34,14 @@ std::string ModuleDirectory();
 void AddInit(CLI::App &app, Command &command);
 void AddConfig(CLI::App &app, Command &command);
 void AddAccount(CLI::App &app, Command &command);
+void AddAccountCheck(CLI::App &account, Command &command);  // under "account"
 void AddAlias(CLI::App &app, Command &command);
 void AddSubmit(CLI::App &app, Command &command);
 void AddQueue(CLI::App &app, Command &command);
 void AddMailbox(CLI::App &app, Command &command);
 void AddTrace(CLI::App &app, Command &command);
 void AddDoctor(CLI::App &app, Command &command);
+void AddRecover(CLI::App &app, Command &command);
 
 // Prints the router's decision for each address, step by step: an exit code, EX_NOUSER when one would be refused.
 int ExplainAddresses(Command &command, std::vector<std::string> const &addresses, std::string const &sender);

@@ -38,6 +38,7 @@ int Run(int argc, char **argv) {
   AddMailbox(app, command);
   AddTrace(app, command);
   AddDoctor(app, command);
+  AddRecover(app, command);
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const &error) {

@@ -33,6 +33,8 @@ namespace accountstore {
 
 SObjectDB &Objects() { return Store().objects; }
 
+_Attribute const *Table() { return kRows.data(); }
+
 void LockWrite() {
   if (++Store().depth == 1) Store().objects.SetJournaled(GetEnv("AccountJournal") != "no");
   Store().objects.LockWrite();

@@ -190,15 +190,14 @@ struct SJournal::Header {
   }
 };
 
-void SJournal::Init(SString const &path) { _path = path; }
-
 // A file made here gets its mode whatever the umask is, and its name is made durable.
 SDescriptor SJournal::_Open(int flags) const {
-  SDescriptor file(sys::Open(_path, flags & ~O_CREAT));
+  SString const path = StorePath(_name);
+  SDescriptor file(sys::Open(path, flags & ~O_CREAT));
   if (file.IsOpen() || errno != ENOENT || (flags & O_CREAT) == 0) return file;
-  file = SDescriptor(sys::Open(_path, flags | O_EXCL, kMode));
+  file = SDescriptor(sys::Open(path, flags | O_EXCL, kMode));
   SSyncBarrier barrier;
-  barrier.AddParentOf(_path);
+  barrier.AddParentOf(path);
   if (file.IsOpen() && (sys::Fchmod(file.Get(), kMode) != 0 || !barrier.Commit())) return SDescriptor();
   return file;
 }

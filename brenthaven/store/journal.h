@@ -40,7 +40,7 @@ public:
   SJournal(SJournal const &) = delete;
   SJournal &operator=(SJournal const &) = delete;
 
-  void Init(SString const &path);
+  void Init(SString const &file) { _name = file; }  // as StorePath takes it
   // Whether a section may be decided whose pages are not all in the trees. Under a lock that holds writers off, such a
   // section's writer is dead. A journal that is not there or says nothing that can be relied on has nothing pending;
   // one that can't be read may.
@@ -59,6 +59,6 @@ private:
 
   SDescriptor _Open(int flags) const;
 
-  SString _path;
+  SString _name;
   SDescriptor _written;  // from Write to Finish
 };

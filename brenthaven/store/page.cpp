@@ -9,6 +9,9 @@
 
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/store/db185.h"
+#include "brenthaven/store/pagelayout.h"
+
+using namespace pagelayout;
 
 namespace {
 
@@ -32,18 +35,6 @@ struct PageCache {
   void *cookie;
 };
 
-constexpr std::uint32_t kNoPage = 0;       // page 0 holds metadata, so links use 0 for "none"
-constexpr size_t kHeaderSize = 20;         // behind it the table of offsets
-constexpr std::uint32_t kInternal = 0x01;  // one type in the low bits of a page's type word
-constexpr std::uint32_t kLeaf = 0x02;
-constexpr std::uint32_t kOverflow = 0x04;  // part of a long key or value
-constexpr std::uint32_t kTypes = 0x1f;
-constexpr unsigned kLongValue = 0x01;  // entry flags: the bytes are number and size of what lies in overflow pages
-constexpr unsigned kLongKey = 0x02;
-constexpr size_t kEntryHeader = 9;            // two numbers and the flags
-constexpr std::uint32_t kLongItem = 8;        // bytes in place of a long item
-constexpr std::uint32_t kLargest = 1u << 30;  // no item is longer; keeps a made-up size from taking all memory
-
 unsigned long damagedPages = 0;
 Convert engineAfterRead = nullptr;
 Convert engineBeforeWrite = nullptr;
@@ -54,18 +45,6 @@ std::vector<SPageShadow *> &Shadows() {
 }
 
 PageCache *CacheOf(void *engine) { return *static_cast<PageCache **>(engine); }
-
-std::uint32_t Number(unsigned char const *at) {
-  std::uint32_t number;
-  std::memcpy(&number, at, sizeof number);
-  return number;
-}
-
-std::uint16_t Offset(unsigned char const *at) {
-  std::uint16_t offset;
-  std::memcpy(&offset, at, sizeof offset);
-  return offset;
-}
 
 // A reference to overflow pages, standing in place of a long key or value.
 bool IsSoundReference(unsigned char const *at, std::uint32_t size) {

@@ -92,9 +92,9 @@ void SBTree::Init(SString const &file, int mode, int openFlags) {
   _openFlags = openFlags;
 }
 
-SString SBTree::Path() const {
-  return _file[0] == '/' || _mode != 0 ? _file : GetEnv("Brenthaven") + "/config/" + _file;
-}
+SString StorePath(SString const &file) { return file[0] == '/' ? file : GetEnv("Brenthaven") + "/config/" + file; }
+
+SString SBTree::Path() const { return _mode != 0 ? _file : StorePath(_file); }
 
 int SBTree::_OpenFlags() const {
   if (_mode == kExplicit) return _openFlags;

@@ -10,6 +10,9 @@
 
 struct SBTreeEngine;  // the handle of the B-tree engine
 
+// Where a file of the stores stands: a path as it is, a plain name in config/ below Brenthaven.
+SString StorePath(SString const &file);
+
 // A B-tree file in the 1.85 format (magic 0x053162, version 3, pages of 16384 bytes when new). Keys compare as unsigned
 // bytes, a shorter one first on a common prefix, and stand once each. A plain name means config/NAME below Brenthaven.
 //

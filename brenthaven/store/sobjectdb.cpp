@@ -103,7 +103,7 @@ SObjectDB::SObjectDB(SString name, int unused, _Attribute const *table) { Init(n
 void SObjectDB::Init(SString const &name, int unused, _Attribute const *table) {
   _attributes.Init(name + "a", unused);
   _index.Init(name + "i", unused);
-  _journal.Init(SBTree(name + "j", unused).Path());
+  _journal.Init(name + "j");
   _table = table;
   for (_count = 0; table != nullptr && table[_count].name != nullptr;) ++_count;
 }
