@@ -65,6 +65,7 @@ private:
   void EmptyStrayDirectories();
   void LookAtControlFiles();
   void LookAtMail(SControl &control, Entry const &file);
+  void ReportHalf(SControl &control, Entry const &file, bool hasHeader);
   void SetOrphansAside();
 
   std::vector<Entry> Entries(std::string const &directory);
@@ -156,16 +157,9 @@ void Recovery::LookAtMail(SControl &control, Entry const &file) {
   bool const isMail = control.Get(kKeyControlType).Get(0) == kTypeMail;
   bool const hasHeader = FileExists(control.GetHeaderFilename()) != 0;
   bool const hasBody = FileExists(control.GetBodyFilename()) != 0;
-  if (hasHeader != hasBody) {
-    if (Std(control.Get(kKeyFunction).Get(0)) == kModuleErrorHandler) return;  // reported already
-    SString const missing = hasHeader ? control.GetBodyFilename() : control.GetHeaderFilename();
-    errno = ENOENT;
-    if (ProcessError(control, "MessageIncomplete", "Recovery", {"File: " + missing}) == 0)
-      return Failed("cannot report " + file.path);
-    ++_report.reported;
-    return Log("REPORTED:" + file.name + ":lacks " + Std(missing));
-  }
-  if (isMail && !hasHeader) {  // its message is gone, delivered or lost with it; the control alone can do nothing
+  bool const isRecord = control.Get(kKeyFunction).Get(0) == kModuleErrorHandler;  // needs neither
+  if (!isRecord && hasHeader != hasBody) return ReportHalf(control, file, hasHeader);
+  if (!isRecord && isMail && !hasHeader) {  // the message is gone, delivered or lost; the control alone can do nothing
     if (MoveToLost(file)) ++_report.lost;
     return;
   }
@@ -174,6 +168,18 @@ void Recovery::LookAtMail(SControl &control, Entry const &file) {
     ++_report.requeued;
     Log("REQUEUED:" + file.name);
   }
+}
+
+// The half that is there is kept: whoever works on the record removes what it belongs to.
+void Recovery::ReportHalf(SControl &control, Entry const &file, bool hasHeader) {
+  SString const half = hasHeader ? control.GetHeaderFilename() : control.GetBodyFilename();
+  SString const missing = hasHeader ? control.GetBodyFilename() : control.GetHeaderFilename();
+  errno = ENOENT;
+  if (ProcessError(control, "MessageIncomplete", "Recovery", {"File: " + missing, "The rest is in lost/"}) == 0)
+    return Failed("cannot report " + file.path);
+  (void)MoveToLost({Std(half), Std(BaseName(half)), {}});
+  ++_report.reported;
+  Log("REPORTED:" + file.name + ":lacks " + Std(missing));
 }
 
 void Recovery::SetOrphansAside() {
