@@ -126,6 +126,38 @@ void BM_TreeSet(benchmark::State &state) {  // within one section of 1000 random
 }
 BENCHMARK(BM_TreeSet)->Unit(benchmark::kMillisecond);
 
+// One write section that changes one object among 10,000, flushed; and 100,000 new objects in one. Arg 1: journaled.
+void BM_ChangeSynced(benchmark::State &state) {
+  SObjectDB store(TheRoot().Accounts(10000), 0, kTable);
+  store.SetJournaled(state.range(0) != 0);
+  setenv("SpoolSync", "fsync", 1);
+  int account = 0;
+  for (auto _ : state) {
+    store.LockWrite();
+    store.SetAttrib(kAddress, Uid(account++ % 10000), Address(20000 + account), 0);
+    store.UnlockWrite();
+  }
+  setenv("SpoolSync", "no", 1);
+}
+BENCHMARK(BM_ChangeSynced)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+
+void BM_BulkLoadSynced(benchmark::State &state) {
+  setenv("SpoolSync", "fsync", 1);
+  int round = 0;
+  for (auto _ : state) {
+    SObjectDB store(SString("Bulk") + SString(static_cast<int>(state.range(0))) + SString(round++) + ".", 0, kTable);
+    store.SetJournaled(state.range(0) != 0);
+    store.LockWrite();
+    for (int i = 0; i < 100000; ++i) {
+      store.Create(Uid(i), 1);
+      store.SetAttrib(kAddress, Uid(i), Address(i * 7919 % 100000), 0);
+    }
+    store.UnlockWrite();
+  }
+  setenv("SpoolSync", "no", 1);
+}
+BENCHMARK(BM_BulkLoadSynced)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3);
+
 void BM_SectionOpen(benchmark::State &state) {  // what a message in a long-running process pays for each section
   TheRoot();
   for (auto _ : state) {

@@ -8,7 +8,6 @@
 
 #include "brenthaven/accounts/accountdb.h"
 #include "brenthaven/accounts/attributes.h"
-#include "brenthaven/accounts/check.h"
 #include "brenthaven/accounts/safeuid.h"
 #include "brenthaven/accounts/special.h"
 #include "brenthaven/spool/accept.h"
@@ -200,15 +199,6 @@ void DeleteAccount(Command &command, AccountOptions const &options) {
     Fail(command, EX_CANTCREAT, "cannot delete the account " + options.uid);
 }
 
-void CheckAccounts(Command &command) {
-  if (!EnterInstance(command)) return;
-  SAccountCheck const check =
-      CheckAccountFiles([](SString const &fault) { printf("%s\n", static_cast<char const *>(fault)); });
-  printf("%ld attributes, %ld index entries, %ld faults\n", check.attributes, check.entries, check.faults);
-  if (check.readFailed) return Fail(command, EX_IOERR, "the account files cannot be read");
-  if (check.faults > 0) Fail(command, EX_DATAERR, "the account files disagree");
-}
-
 void BackupAccounts(Command &command) {
   if (!EnterInstance(command)) return;
   (void)SAccountDB().BackupDB("", "");  // always 1: what went wrong stands on standard error
@@ -269,8 +259,7 @@ void AddAccount(CLI::App &app, Command &command) {
     ChangeAccount(c, o, [](SAccountMod &changed) { return changed.IsLocked() ? changed.Unlock() : 1; });
   }));
   withUID(add("delete", "delete an account and what other accounts say of it", DeleteAccount));
-  add("check", "check both account files against each other",
-      [](Command &c, AccountOptions const &) { CheckAccounts(c); });
+  AddAccountCheck(*account, command);
   add("backup", "copy both account files, in step", [](Command &c, AccountOptions const &) { BackupAccounts(c); });
   AddAccountPassword(*account, command);
   AddAccountSearch(*account, command);

@@ -34,8 +34,10 @@ std::string ModuleDirectory();
 void AddInit(CLI::App &app, Command &command);
 void AddConfig(CLI::App &app, Command &command);
 void AddAccount(CLI::App &app, Command &command);
-void AddAccountSearch(CLI::App &account, Command &command);  // below "account"
+// Below "account".
+void AddAccountCheck(CLI::App &account, Command &command);
 void AddAccountPassword(CLI::App &account, Command &command);
+void AddAccountSearch(CLI::App &account, Command &command);
 void AddAlias(CLI::App &app, Command &command);
 void AddSubmit(CLI::App &app, Command &command);
 void AddQueue(CLI::App &app, Command &command);
@@ -44,6 +46,7 @@ void AddList(CLI::App &app, Command &command);
 void AddTrace(CLI::App &app, Command &command);
 void AddAsk(CLI::App &app, Command &command);
 void AddDoctor(CLI::App &app, Command &command);
+void AddRecover(CLI::App &app, Command &command);
 
 // Prints the router's decision for each address, step by step: an exit code, EX_NOUSER when one would be refused.
 int ExplainAddresses(Command &command, std::vector<std::string> const &addresses, std::string const &sender);

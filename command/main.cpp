@@ -40,6 +40,7 @@ int Run(int argc, char **argv) {
   AddTrace(app, command);
   AddAsk(app, command);
   AddDoctor(app, command);
+  AddRecover(app, command);
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const &error) {

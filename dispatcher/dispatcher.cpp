@@ -20,6 +20,7 @@
 
 #include "brenthaven/platform/environment.h"
 #include "brenthaven/platform/sys.h"
+#include "brenthaven/recovery/recovery.h"
 #include "brenthaven/spool/control.h"
 #include "brenthaven/spool/instance.h"
 #include "brenthaven/spool/keys.h"
@@ -39,7 +40,8 @@ constexpr unsigned kMessagesPerProcess = 5000;  // a serving process is replaced
 constexpr seconds kIdleLife{5};                 // of a serving process without work
 constexpr seconds kSettleTime{5};               // a file in control/ that changed more recently may still be announced
 constexpr seconds kLongestDelay{3600};          // of a run that is tried again
-constexpr long long kStaleSeconds = 600;  // half-written files and unanswered requests older than this are left-overs
+constexpr long kStaleSeconds = 600;             // what has not changed for so long and belongs to no job is left over
+constexpr seconds kRecoveryInterval{300};       // between two looks for that in control/
 
 // Codes that end a module run; see "Return codes" in docs/operations.md.
 enum RunCode { kRunDone = 0, kNoSettings = 101, kWrongFunction = 102, kWrongType = 103, kUnreadable = 105 };
@@ -116,7 +118,7 @@ int Dispatcher::Start() {
   if (failure != 0) return failure;
   _key = RandomKey();
   _LoadSettings();
-  _ClearLeftOvers();
+  _Recover(true);
   _ScanControl();  // before the first notification can come, so that what lies there is not found a second time
   _nextWalk = Clock::now() + seconds(2);
   failure = _PublishAddress();
@@ -219,7 +221,7 @@ void Dispatcher::Run() {
 
 int Dispatcher::_PollTimeout() const {
   Clock::time_point next = _jobs.NextDue();
-  if (!_stopping) next = std::min({next, _nextScan, _nextWalk});
+  if (!_stopping) next = std::min({next, _nextScan, _nextWalk, _nextRecovery});
   if (_stopping) next = std::min(next, _stopBy);
   for (auto const &process : _processes)
     if (process->kind == ProcessKind::kServe && process->job == nullptr)
@@ -311,6 +313,7 @@ void Dispatcher::_RunTimers() {
   if (_stopping) return;
   _jobs.WakeDue(now);
   if (now >= _nextScan) _ScanControl();
+  if (now >= _nextRecovery) _Recover(false);
   if (now >= _nextWalk) _PlanWalks();
 }
 
@@ -542,21 +545,17 @@ void Dispatcher::_ScanOne(std::string const &name, long long changed) {
                    true};
 }
 
-// Files that a dead process was writing, and requests that nobody waits for any more.
-void Dispatcher::_ClearLeftOvers() {
-  time_t const now = time(nullptr);
-  for (std::string const &directory : {_root + "/control/", _root + "/messages/"})
-    (void)ForEachEntry(directory, [&](std::string const &file) {  // a directory that is not there holds nothing
-      struct stat info;
-      std::string const path = directory + file;
-      if (sys::Lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || now - info.st_mtime < kStaleSeconds) return;
-      bool leftOver = EndsWith(file, kTempSuffix);
-      if (!leftOver && EndsWith(file, kControlSuffix)) {
-        SControl control((SString(path)));
-        leftOver = control.Read() != 0 && control.Get(kKeyControlType).Get(0) == kTypeRequest;
-      }
-      if (leftOver && sys::Unlink(path.c_str()) == 0) _Log("CLEARED:" + path);
-    });
+// Looks after what a crash left behind. The scan of control/ starts what is whole.
+void Dispatcher::_Recover(bool wholeSpool) {
+  SRecoveryScope scope;
+  scope.quietSeconds = kStaleSeconds;
+  scope.wholeSpool = wholeSpool;
+  scope.requeue = false;
+  scope.accounts = false;
+  scope.isBusy = [this](std::string const &name) { return _jobs.Knows(name); };
+  scope.log = [this](std::string const &line) { _Log("RECOVER:" + line); };
+  (void)RecoverSpool(scope);  // what failed is in the log, and is tried again
+  _nextRecovery = Clock::now() + kRecoveryInterval;
 }
 
 void Dispatcher::_PlanWalks() {

@@ -71,7 +71,7 @@ private:
   // the spool
   void _ScanControl();
   void _ScanOne(std::string const &name, long long changed);
-  void _ClearLeftOvers();
+  void _Recover(bool wholeSpool);
   void _PlanWalks();
   bool _IsInstalled(std::string const &function) const;
   bool _IsGone(Job const &job) const;
@@ -101,6 +101,7 @@ private:
   bool _firstScan = true;  // what lies in control/ at the start was left by a dispatcher that is gone
   Clock::time_point _nextScan = {};
   Clock::time_point _nextWalk = {};
+  Clock::time_point _nextRecovery = {};
   unsigned _dropped = 0;  // the socket's count of datagrams that found no room
   unsigned long _badDatagrams = 0;
   Clock::time_point _badLogged = {};

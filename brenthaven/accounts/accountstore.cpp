@@ -3,6 +3,7 @@
 #include <array>
 
 #include "brenthaven/accounts/attributes.h"
+#include "brenthaven/text/base.h"
 
 namespace {
 
@@ -32,8 +33,10 @@ namespace accountstore {
 
 SObjectDB &Objects() { return Store().objects; }
 
+_Attribute const *Table() { return kRows.data(); }
+
 void LockWrite() {
-  ++Store().depth;
+  if (++Store().depth == 1) Store().objects.SetJournaled(GetEnv("AccountJournal") != "no");
   Store().objects.LockWrite();
 }
 

@@ -13,6 +13,8 @@ inline constexpr int kAccountType = 1;  // the type of every object in the store
 // The objects, made on first use; the files are opened when something is read or written.
 SObjectDB &Objects();
 
+_Attribute const *Table();  // the attributes as the store knows them
+
 // The write section of the process; nests.
 void LockWrite();
 void UnlockWrite();

@@ -45,6 +45,12 @@ int SyncFile(int fd) {
   return sys::Fsync(fd) == 0;
 }
 
+int SyncFileData(int fd) {
+  if (GetSyncMode() == SyncMode::kNo) return 1;
+  ++g_sync_count;
+  return sys::Fdatasync(fd) == 0;
+}
+
 void SSyncBarrier::Arm(char const *directory) {
   SyncMode const mode = GetSyncMode();
   if (mode == SyncMode::kNo || mode == SyncMode::kFsync) return;

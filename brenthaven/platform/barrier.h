@@ -13,6 +13,8 @@ SyncMode GetSyncMode();
 
 // Flushes one open file under the same setting: 1 when it is on disk or "no" is set, else 0 with errno.
 int SyncFile(int fd);
+// The same for a file whose times need not survive, which saves the file system a step where the size stays.
+int SyncFileData(int fd);
 
 // Collects the files and directories that one step of a message made or changed, and flushes them together. A file is
 // named by its path and must stand under that name when Commit is called; a directory is flushed for the entries in it.

@@ -140,9 +140,19 @@ int Ftruncate(int fd, off_t length) {
   return Retry([&] { return ftruncate(fd, length); });
 }
 
+int Allocate(int fd, off_t offset, off_t length) {
+  if (!Allowed("fallocate")) return -1;
+  return Retry([&] { return fallocate(fd, FALLOC_FL_KEEP_SIZE, offset, length); });
+}
+
 int Fsync(int fd) {
   if (!Allowed("fsync")) return -1;
   return Retry([&] { return fsync(fd); });
+}
+
+int Fdatasync(int fd) {
+  if (!Allowed("fdatasync")) return -1;
+  return Retry([&] { return fdatasync(fd); });
 }
 
 int Syncfs(int fd) {

@@ -43,7 +43,9 @@ int Mkdir(char const *path, mode_t mode);
 int Link(char const *from, char const *to);
 int LinkFd(int fd, char const *to);  // gives an O_TMPFILE descriptor a name
 int Ftruncate(int fd, off_t length);
+int Allocate(int fd, off_t offset, off_t length);  // room on the disk for a range; the size stays
 int Fsync(int fd);
+int Fdatasync(int fd);
 int Syncfs(int fd);
 int Fchmod(int fd, mode_t mode);  // undoes the umask on files that must be 0660
 int Chmod(char const *path, mode_t mode);

@@ -1,8 +1,17 @@
 #include "brenthaven/store/page.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
+#include "brenthaven/platform/sys.h"
 #include "brenthaven/store/db185.h"
+#include "brenthaven/store/pagelayout.h"
+
+using namespace pagelayout;
 
 namespace {
 
@@ -26,32 +35,16 @@ struct PageCache {
   void *cookie;
 };
 
-constexpr std::uint32_t kNoPage = 0;       // page 0 holds metadata, so links use 0 for "none"
-constexpr size_t kHeaderSize = 20;         // behind it the table of offsets
-constexpr std::uint32_t kInternal = 0x01;  // one type in the low bits of a page's type word
-constexpr std::uint32_t kLeaf = 0x02;
-constexpr std::uint32_t kOverflow = 0x04;  // part of a long key or value
-constexpr std::uint32_t kTypes = 0x1f;
-constexpr unsigned kLongValue = 0x01;  // entry flags: the bytes are number and size of what lies in overflow pages
-constexpr unsigned kLongKey = 0x02;
-constexpr size_t kEntryHeader = 9;            // two numbers and the flags
-constexpr std::uint32_t kLongItem = 8;        // bytes in place of a long item
-constexpr std::uint32_t kLargest = 1u << 30;  // no item is longer; keeps a made-up size from taking all memory
-
 unsigned long damagedPages = 0;
 Convert engineAfterRead = nullptr;
+Convert engineBeforeWrite = nullptr;
 
-std::uint32_t Number(unsigned char const *at) {
-  std::uint32_t number;
-  std::memcpy(&number, at, sizeof number);
-  return number;
+std::vector<SPageShadow *> &Shadows() {
+  static std::vector<SPageShadow *> shadows;  // attached ones: at most two where accounts are written
+  return shadows;
 }
 
-std::uint16_t Offset(unsigned char const *at) {
-  std::uint16_t offset;
-  std::memcpy(&offset, at, sizeof offset);
-  return offset;
-}
+PageCache *CacheOf(void *engine) { return *static_cast<PageCache **>(engine); }
 
 // A reference to overflow pages, standing in place of a long key or value.
 bool IsSoundReference(unsigned char const *at, std::uint32_t size) {
@@ -85,16 +78,42 @@ void MakeEmptyLeaf(unsigned char *page, size_t size, std::uint32_t number) {
   std::memcpy(page + sizeof head, bounds, sizeof bounds);
 }
 
-void CheckAfterRead(void *cookie, std::uint32_t number, void *page) {
-  engineAfterRead(cookie, number, page);
-  if (number == 0) return;  // metadata, looked at when the file was opened
-  size_t const size = (*static_cast<PageCache **>(cookie))->pageSize;
-  if (IsSoundPage(static_cast<unsigned char *>(page), size, number)) return;
-  ++damagedPages;
-  MakeEmptyLeaf(static_cast<unsigned char *>(page), size, number);
-}
-
 }  // namespace
+
+// What the engine calls for each page, in place of its own conversions, which they call.
+struct SPageHooks {
+  static SPageShadow *ShadowOf(void *engine) {
+    for (SPageShadow *shadow : Shadows())
+      if (shadow->_engine == engine) return shadow;
+    return nullptr;
+  }
+
+  static void AfterRead(void *engine, std::uint32_t number, void *page) {
+    size_t const size = CacheOf(engine)->pageSize;
+    SPageShadow const *shadow = ShadowOf(engine);
+    // The engine has read from the shadow, where nothing stands yet.
+    if (shadow != nullptr && !shadow->_Holds(number) && !ReadPage(shadow->_file, number, page, size))
+      std::memset(page, 0, size);
+    engineAfterRead(engine, number, page);
+    if (number == 0) return;  // metadata, looked at when the file was opened
+    if (IsSoundPage(static_cast<unsigned char *>(page), size, number)) return;
+    ++damagedPages;
+    MakeEmptyLeaf(static_cast<unsigned char *>(page), size, number);
+  }
+
+  static void BeforeWrite(void *engine, std::uint32_t number, void *page) {
+    engineBeforeWrite(engine, number, page);
+    SPageShadow *shadow = ShadowOf(engine);
+    if (shadow == nullptr) return;
+    if (number >= shadow->_held.size()) shadow->_held.resize(number + 1);
+    shadow->_held[number] = true;
+  }
+
+  static bool ReadPage(int file, std::uint32_t number, void *page, size_t size) {
+    return sys::Pread(file, page, size, static_cast<off_t>(number) * static_cast<off_t>(size)) ==
+           static_cast<ssize_t>(size);
+  }
+};
 
 bool IsSoundPage(unsigned char const *page, size_t size, std::uint32_t number) {
   if (Number(page) != number) return false;
@@ -117,13 +136,70 @@ bool IsSoundPage(unsigned char const *page, size_t size, std::uint32_t number) {
 
 bool WatchPages(SBTreeEngine *engine) {
   void *internal = engine->internal;
-  PageCache *cache = *static_cast<PageCache **>(internal);
+  PageCache *cache = CacheOf(internal);
   bool const isKnown = cache->descriptor == engine->fd(engine) && cache->cookie == internal && cache->pageSize >= 512 &&
-                       cache->pageSize < 65536 && cache->afterRead != nullptr;
+                       cache->pageSize < 65536 && cache->afterRead != nullptr && cache->beforeWrite != nullptr;
   if (!isKnown) return false;
-  if (cache->afterRead != CheckAfterRead) engineAfterRead = cache->afterRead;
-  cache->afterRead = CheckAfterRead;
+  engineAfterRead = cache->afterRead;
+  engineBeforeWrite = cache->beforeWrite;
+  cache->afterRead = SPageHooks::AfterRead;
+  cache->beforeWrite = SPageHooks::BeforeWrite;
   return true;
 }
 
 unsigned long DamagedPages() { return damagedPages; }
+
+bool SPageShadow::Attach(SBTreeEngine *engine, int file) {
+  PageCache *cache = CacheOf(engine->internal);
+  if (cache->afterRead != SPageHooks::AfterRead) {
+    errno = ENOSYS;
+    return false;
+  }
+  _memory = SDescriptor(memfd_create("brenthaven", MFD_CLOEXEC));
+  if (!_memory.IsOpen()) return false;
+  _file = file;
+  _pageSize = cache->pageSize;
+  _engine = engine->internal;
+  if (!_Resize()) {
+    Detach();
+    return false;
+  }
+  Shadows().push_back(this);
+  cache->descriptor = _memory.Get();
+  return true;
+}
+
+void SPageShadow::Detach() {
+  std::erase(Shadows(), this);
+  _memory = SDescriptor();
+  _held.clear();
+  _engine = nullptr;
+}
+
+void SPageShadow::Abandon() {
+  if (!IsAttached()) return;
+  SDescriptor const other(memfd_create("brenthaven", MFD_CLOEXEC));
+  // Under the number that the engine knows. Without a descriptor to spare the engine's writes fail instead.
+  if (!other.IsOpen() || dup3(other.Get(), _memory.Get(), O_CLOEXEC) < 0) _memory = SDescriptor();
+}
+
+std::vector<std::uint32_t> SPageShadow::Pages() const {
+  std::vector<std::uint32_t> numbers;
+  for (std::uint32_t number = 0; number < _held.size(); ++number)
+    if (_held[number]) numbers.push_back(number);
+  return numbers;
+}
+
+bool SPageShadow::Read(std::uint32_t number, void *page) const {
+  return SPageHooks::ReadPage(_memory.Get(), number, page, _pageSize);
+}
+
+bool SPageShadow::Clear() {
+  _held.clear();
+  return sys::Ftruncate(_memory.Get(), 0) == 0 && _Resize();
+}
+
+// The engine wants whole pages wherever it reads.
+bool SPageShadow::_Resize() {
+  return sys::Ftruncate(_memory.Get(), static_cast<off_t>(CacheOf(_engine)->filePages * _pageSize)) == 0;
+}

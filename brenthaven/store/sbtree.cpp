@@ -1,16 +1,14 @@
 #include "brenthaven/store/sbtree.h"
 
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "brenthaven/platform/barrier.h"
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/store/db185.h"
-#include "brenthaven/store/page.h"
 #include "brenthaven/text/base.h"
 
 // The engine knows no locks and opens the file by itself. So each open takes three steps, all under our lock: our own
@@ -73,17 +71,6 @@ std::uint32_t PageSizeOf(int descriptor) {
 // the key is never found again.
 size_t LongestKey(std::uint32_t pageSize) { return pageSize / 2 - 32; }
 
-// The engine closes only by writing its dirty pages, so its descriptor is turned to a file in memory that ends with it.
-void CloseUnwritten(SBTreeEngine *engine) {
-  int const descriptor = engine->fd(engine);
-  int const nowhere = memfd_create("brenthaven", MFD_CLOEXEC);
-  if (nowhere >= 0 && dup3(nowhere, descriptor, O_CLOEXEC) >= 0)
-    (void)engine->close(engine);  // what comes of it is thrown away
-  else
-    sys::Close(descriptor);  // no descriptors left: the engine's memory stays behind
-  if (nowhere >= 0) sys::Close(nowhere);
-}
-
 }  // namespace
 
 SBTree::SBTree() = default;
@@ -105,9 +92,9 @@ void SBTree::Init(SString const &file, int mode, int openFlags) {
   _openFlags = openFlags;
 }
 
-SString SBTree::Path() const {
-  return _file[0] == '/' || _mode != 0 ? _file : GetEnv("Brenthaven") + "/config/" + _file;
-}
+SString StorePath(SString const &file) { return file[0] == '/' ? file : GetEnv("Brenthaven") + "/config/" + file; }
+
+SString SBTree::Path() const { return _mode != 0 ? _file : StorePath(_file); }
 
 int SBTree::_OpenFlags() const {
   if (_mode == kExplicit) return _openFlags;
@@ -160,7 +147,9 @@ int SBTree::_OpenLocked(char const *path, int flags) {
   if (sys::Fstat(_handle->fd(_handle), &other) != 0) return errno;
   if (!IsSameFile(ours, other)) return EAGAIN;
   if (!_TakeStamp(_stamp)) return errno;
-  (void)WatchPages(_handle);  // an engine laid out in another way works as well, without the watch
+  (void)WatchPages(_handle);  // an engine laid out in another way reads as well, without the watch
+  if (_writable && !_staged.Attach(_handle, _descriptor)) return errno;
+  ++_opens;
   if (!_holdsLock && sys::Lock(_descriptor, F_UNLCK, 0, 1, true) != 0) return errno;
   return 0;
 }
@@ -175,31 +164,62 @@ bool SBTree::_TakeStamp(Stamp &stamp) const {
 void SBTree::Close() {
   _DropInherited();
   if (_handle == nullptr) return;
-  if (!_writable || !_changed) return _Release();
-  if (!Flush()) {
-    int const error = errno;
-    _Drop();  // the engine's own close would only try again
-    errno = error;
-    return;
-  }
-  _MoveTimes();
-  _Release();
+  if (Flush()) return _Release();
+  int const error = errno;
+  _Drop();
+  errno = error;
 }
 
-unsigned SBTree::Flush() {
-  if (_handle == nullptr || !_writable || !_changed) return 1;
-  if (!_damaged && _handle->sync(_handle, 0) == 0) return 1;
+unsigned SBTree::Flush() { return Stage() && Apply(); }
+
+unsigned SBTree::Stage() {
+  if (_handle == nullptr || !_changed) return 1;
+  if (!_damaged && _handle->sync(_handle, 0) == 0 && _Reserve()) return 1;
   _writeFailed = 1;
   return 0;
 }
 
+// So that a full disk shows before the first page is overwritten.
+bool SBTree::_Reserve() {
+  struct stat info;
+  if (sys::Fstat(_descriptor, &info) != 0) return false;
+  std::vector<std::uint32_t> const pages = _staged.Pages();
+  if (pages.empty()) return true;
+  off_t const end = (static_cast<off_t>(pages.back()) + 1) * static_cast<off_t>(_staged.PageSize());
+  return end <= info.st_size || sys::Allocate(_descriptor, info.st_size, end - info.st_size) == 0 ||
+         errno == EOPNOTSUPP;
+}
+
+unsigned SBTree::Apply() {
+  if (_handle == nullptr || !_changed) return 1;
+  if (_WriteStaged() && _MoveTimes() && SyncFile(_descriptor) && _staged.Clear()) {
+    _changed = false;
+    return 1;
+  }
+  _writeFailed = 1;
+  return 0;
+}
+
+bool SBTree::_WriteStaged() {
+  size_t const size = _staged.PageSize();
+  std::vector<char> page(size);
+  for (std::uint32_t const number : _staged.Pages()) {
+    off_t const at = static_cast<off_t>(number) * static_cast<off_t>(size);
+    if (!_staged.Read(number, page.data()) || sys::PwriteAll(_descriptor, page.data(), size, at) != 0) return false;
+  }
+  return true;
+}
+
 // Readers know a changed file by its times, and the clock may not have moved since the last section.
-void SBTree::_MoveTimes() {
+bool SBTree::_MoveTimes() {
   Stamp now;
-  if (_TakeStamp(now) && now.modified > _stamp.modified) return;
-  std::int64_t const next = _stamp.modified + 1;
-  struct timespec const times[] = {{0, UTIME_OMIT}, {next / 1000000000LL, next % 1000000000LL}};
-  if (futimens(_descriptor, times) != 0) _writeFailed = 1;
+  if (!_TakeStamp(now)) return false;
+  if (now.modified <= _stamp.modified) {
+    std::int64_t const next = _stamp.modified + 1;
+    struct timespec const times[] = {{0, UTIME_OMIT}, {next / 1000000000LL, next % 1000000000LL}};
+    if (futimens(_descriptor, times) != 0) return false;
+  }
+  return _TakeStamp(_stamp);
 }
 
 // Closes an engine that has nothing to write, then the descriptor and with it the lock.
@@ -210,12 +230,16 @@ void SBTree::_Release() {
 }
 
 // Lets go of everything as it is, with nothing written: for damaged files, for failed writes, and for what belongs to
-// the parent of this process.
+// the parent of this process. The engine closes only by writing its dirty pages, but it has only the shadow to write
+// to.
 void SBTree::_Drop() {
-  if (_handle != nullptr) CloseUnwritten(_handle);
+  bool const isOurs = _forks == ForkCount();
+  if (!isOurs) _staged.Abandon();
+  if (_handle != nullptr) (void)_handle->close(_handle);
+  _staged.Detach();
   if (_descriptor >= 0) {
     // Not left to the close: a child process that was forked meanwhile may hold the descriptor and the lock with it.
-    if (_forks == ForkCount()) (void)sys::Lock(_descriptor, F_UNLCK, 0, 1, true);
+    if (isOurs) (void)sys::Lock(_descriptor, F_UNLCK, 0, 1, true);
     sys::Close(_descriptor);
   }
   _handle = nullptr;

@@ -5,9 +5,13 @@
 #include <cstdint>
 
 #include "brenthaven/platform/forks.h"
+#include "brenthaven/store/page.h"
 #include "brenthaven/text/sstring.h"
 
 struct SBTreeEngine;  // the handle of the B-tree engine
+
+// Where a file of the stores stands: a path as it is, a plain name in config/ below Brenthaven.
+SString StorePath(SString const &file);
 
 // A B-tree file in the 1.85 format (magic 0x053162, version 3, pages of 16384 bytes when new). Keys compare as unsigned
 // bytes, a shorter one first on a common prefix, and stand once each. A plain name means config/NAME below Brenthaven.
@@ -17,6 +21,10 @@ struct SBTreeEngine;  // the handle of the B-tree engine
 // descriptor, byte 0: shared while a header is read and between LockRead and UnlockRead, exclusive from LockWrite until
 // the pages are out. Only LockRead makes a reader see other processes' writes; between UnlockRead and the next LockRead
 // it reads what it has.
+//
+// What a writer changes stays in memory until the write section ends, or Flush is called: a process that dies before
+// leaves the file as it was. Then the changed pages go out one after another, and one that dies in between leaves a
+// file in pieces, unless somebody wrote down the staged pages first (journal.h).
 //
 // Absence and failure are different: GetStatus says which one the last Get met, and ReadFailed stays 1 after any read
 // that failed, until it is cleared. Pages are checked as they come from the file; a damaged one reads as a failure, and
@@ -70,8 +78,20 @@ public:
   // Opens the file anew when it has changed since it was opened. For a file whose writers are held off by the lock of
   // another one; LockRead does the same under its own lock.
   void Refresh();
-  // Writes dirty pages out and keeps the write lock. 1 on success, also when there is nothing to write.
+  // Writes what was changed into the file and keeps the write lock: Stage, then Apply. 1 on success, also when there is
+  // nothing to write.
   unsigned Flush();
+  // 1 when Staged holds all pages that were changed, and the file has room for them.
+  unsigned Stage();
+  SPageShadow const &Staged() const { return _staged; }
+  // Moves the staged pages to the file, durably. After a failure some are there and some are not.
+  unsigned Apply();
+  // Forgets all changes that are not in the file, and closes it. Its write section goes on, without the lock.
+  void Discard() { _Drop(); }
+  unsigned long Opens() const { return _opens; }  // how often the file was opened so far
+  bool IsOpen() const { return _handle != nullptr; }
+  bool HasChanged() const { return _changed; }    // there are changes that the file may not have
+  int Descriptor() const { return _descriptor; }  // of the open file, -1 when closed
   SString const &Name() const { return _file; }
   // Where the file stands: the name, or config/NAME below Brenthaven.
   SString Path() const;
@@ -98,7 +118,9 @@ private:
   int _OpenLocked(char const *path, int flags);
   bool _TakeStamp(Stamp &stamp) const;
   bool _IsCurrent() const;
-  void _MoveTimes();
+  bool _Reserve();
+  bool _WriteStaged();
+  bool _MoveTimes();
   void _Release();
   void _Drop();
   void _DropInherited();
@@ -114,14 +136,16 @@ private:
   int _openFlags = 0;
   SString _file;
   int _status = 0;
-  int _moveStatus = 0;                 // the same for the last Seq call
-  int _descriptor = -1;                // ours, for the locks; open when the handle is
+  int _moveStatus = 0;   // the same for the last Seq call
+  int _descriptor = -1;  // ours, for the locks; open when the handle is
+  SPageShadow _staged;   // attached while the file is open for writing
+  unsigned long _opens = 0;
   unsigned long _forks = ForkCount();  // of the process that opened the file
   size_t _longestKey = 0;              // of the open file
   Stamp _stamp;                        // of the file when it was opened
   bool _writable = false;
   bool _holdsLock = false;  // from the open to the close
-  bool _changed = false;    // there may be dirty pages
+  bool _changed = false;    // there may be pages that the file does not have
   bool _damaged = false;    // this handle met a page that is none
   unsigned _readFailed = 0;
   unsigned _writeFailed = 0;

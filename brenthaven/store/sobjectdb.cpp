@@ -19,6 +19,8 @@ constexpr int kMaxListedValue = 10000;  // bytes of an index key that ListValues
 constexpr char kBehindPrefix = '\x7f';  // ends a prefix range
 constexpr char const *kBackupSuffix = ".backup";
 constexpr mode_t kBackupMode = 0660;
+constexpr mode_t kTreeMode = 0660;
+constexpr int kReplayTries = 100;  // each one lost to another writer who died meanwhile
 
 SString const kNul('\0', 1);
 
@@ -85,7 +87,7 @@ public:
   enum class Of { kAttributes, kIndex };
   ReadSection(SObjectDB &store, Of what) : _store(store) {
     _store.LockRead();
-    if (what == Of::kIndex && !std::exchange(_store._indexIsCurrent, true)) _store._index.Refresh();
+    if (what == Of::kIndex && !std::exchange(_store._indexIsCurrent, true)) _store._RefreshIndex();
   }
   ReadSection(ReadSection const &) = delete;
   ReadSection &operator=(ReadSection const &) = delete;
@@ -102,6 +104,7 @@ SObjectDB::SObjectDB(SString name, int unused, _Attribute const *table) { Init(n
 void SObjectDB::Init(SString const &name, int unused, _Attribute const *table) {
   _attributes.Init(name + "a", unused);
   _index.Init(name + "i", unused);
+  _journal.Init(name + "j");
   _table = table;
   for (_count = 0; table != nullptr && table[_count].name != nullptr;) ++_count;
 }
@@ -113,33 +116,115 @@ void SObjectDB::ReOpen() {
   }
 }
 
-// The shared lock of the attribute tree orders readers of both trees against every writer.
+// A child process has none of its parent's sections.
+void SObjectDB::_DropInherited() {
+  if (_forks == ForkCount()) return;
+  _forks = ForkCount();
+  _readers = _writers = 0;
+  _isRefused = false;
+}
+
+// The shared lock of the attribute tree orders readers of both trees against every writer. A journal that is pending
+// under it is that of a writer who died; only a tree that was just opened, maybe in the middle of the pages that it
+// left behind, has to be asked about, since what was open before has not changed.
 void SObjectDB::LockRead() {
+  _DropInherited();
   if (_readers++ > 0) return;
   _indexIsCurrent = false;
+  for (int tries = 0; tries < kReplayTries; ++tries) {
+    unsigned const hadFailed = _attributes.ReadFailed();
+    unsigned long const opens = _attributes.Opens();
+    _attributes.LockRead();
+    if (_writers > 0 || (_attributes.IsOpen() && _attributes.Opens() == opens) || !_journal.IsPending()) return;
+    _attributes.UnlockRead();
+    _attributes.Close();
+    if (!_Replay()) break;
+    if (!hadFailed) _attributes.ClearReadFailed();
+  }
   _attributes.LockRead();
 }
 
 void SObjectDB::UnlockRead() {
-  if (--_readers == 0) _attributes.UnlockRead();
+  _DropInherited();
+  if (_readers > 0 && --_readers == 0) _attributes.UnlockRead();
+}
+
+// Brings the index tree up to date for the section that holds the shared lock.
+void SObjectDB::_RefreshIndex() {
+  unsigned const hadFailed = _index.ReadFailed();
+  unsigned long const opens = _index.Opens();
+  _index.Refresh();
+  (void)_index.Open();
+  if (_writers > 0 || (_index.IsOpen() && _index.Opens() == opens) || !_journal.IsPending()) return;
+  _index.Close();
+  _attributes.UnlockRead();
+  if (_Replay() && !hadFailed) _index.ClearReadFailed();
+  _attributes.LockRead();
+  (void)_index.Open();
+}
+
+// Finishes what a writer that died has decided. Waits for writers, and holds them off meanwhile.
+bool SObjectDB::_Replay() {
+  std::array<SString, SJournal::kTrees> const paths = {_attributes.Path(), _index.Path()};
+  SDescriptor locks[SJournal::kTrees];
+  bool isLocked = true;
+  for (int tree = 0; tree < SJournal::kTrees && isLocked; ++tree) {
+    locks[tree] = SDescriptor(sys::Open(paths[tree], O_RDWR | O_CREAT, kTreeMode));
+    isLocked = locks[tree].IsOpen() && sys::Lock(locks[tree].Get(), F_WRLCK, 0, 1, true) == 0;
+  }
+  if (isLocked && _journal.Replay(paths)) return true;
+  Complain("Couldn't finish a change of ", _attributes.Name());
+  _replayFailed = 1;
+  return false;
 }
 
 void SObjectDB::LockWrite() {
-  _attributes.LockWrite();
-  _index.LockWrite();
+  _DropInherited();
+  if (_writers++ > 0) return;
+  for (int tries = 0; tries < kReplayTries; ++tries) {
+    _attributes.LockWrite();
+    _index.LockWrite();
+    if (!_journal.IsPending()) return;  // nobody else is writing: what is pending has no writer
+    _index.UnlockWrite();
+    _attributes.UnlockWrite();
+    if (!_Replay()) break;
+  }
+  _isRefused = true;  // the next journal would take the place of this one
 }
 
 void SObjectDB::UnlockWrite() {
+  _DropInherited();
+  if (_writers == 0 || --_writers > 0) return;
+  if (std::exchange(_isRefused, false)) return;
+  if (!_Commit()) _commitFailed = 1;
   _index.UnlockWrite();
   _attributes.UnlockWrite();
 }
 
+// Brings the changes of both trees into their files, all of them or, after a 0, none; where the last step fails they
+// are decided all the same, and the next one to open the trees takes that step.
+unsigned SObjectDB::_Commit() {
+  if (!_attributes.HasChanged() && !_index.HasChanged()) return 1;
+  bool const isDecided =
+      _attributes.Stage() && _index.Stage() && (!_journaled || _journal.Write({&_attributes, &_index}));
+  if (!isDecided) {
+    _index.Discard();
+    _attributes.Discard();
+    return 0;
+  }
+  bool const isApplied = _index.Apply() && _attributes.Apply();
+  if (isApplied && _journaled) _journal.Finish();
+  return isApplied;
+}
+
 void SObjectDB::ClearReadFailed() {
+  _replayFailed = 0;
   _attributes.ClearReadFailed();
   _index.ClearReadFailed();
 }
 
 void SObjectDB::ClearWriteFailed() {
+  _commitFailed = 0;
   _attributes.ClearWriteFailed();
   _index.ClearWriteFailed();
 }
@@ -175,13 +260,17 @@ unsigned SObjectDB::SetAttrib(int attribute, SString const &name, SStringList co
   if (!_Knows(attribute) || HoldsNul(name)) return 0;
   for (SString const &value : values)
     if (HoldsNul(value)) return 0;  // would read back as two
+  if (_isRefused) {
+    _commitFailed = 1;
+    return 0;
+  }
   if (!_attributes.Open() || !_index.Open()) return 0;
   if ((flags & kNoIndex) == 0 && !_UpdateIndex(attribute, name, values)) return 0;
   return _attributes.Set(AttributeKey(name, attribute), _JoinValues(values));
 }
 
 unsigned SObjectDB::DeleteAttrib(int attribute, SString const &name) {
-  if (!_Knows(attribute)) return 0;
+  if (!_Knows(attribute) || _isRefused) return 0;
   if (_FlagsOf(attribute) != 0)
     for (SString const &value : GetAttrib(attribute, name)) _DeleteIndexEntry(attribute, name, value);
   return _attributes.Delete(AttributeKey(name, attribute));
@@ -332,6 +421,7 @@ int SObjectDB::CountValues(int attribute) {
 
 unsigned SObjectDB::Backup(SString const &attributeSuffix, SString const &indexSuffix) {
   LockWrite();
+  if (!_Commit()) _commitFailed = 1;
   CopyTree(_attributes, attributeSuffix.Length() > 0 ? attributeSuffix : SString(kBackupSuffix));
   CopyTree(_index, indexSuffix.Length() > 0 ? indexSuffix : SString(kBackupSuffix));
   UnlockWrite();

@@ -1,5 +1,6 @@
 // brenthaven/store/sobjectdb.h - named objects with numbered attributes, found by name or by the value of an attribute.
 #pragma once
+#include "brenthaven/store/journal.h"
 #include "brenthaven/store/sbtree.h"
 #include "brenthaven/text/sstring.h"
 #include "brenthaven/text/sstringlist.h"
@@ -20,7 +21,7 @@ enum SAttributeFlag : unsigned {
   kAttributeDomain = 0x20,      // found by any of its domain suffixes
 };
 
-// Objects in two B-tree files, NAMEa and NAMEi:
+// Objects in two B-tree files, NAMEa and NAMEi, and their journal, NAMEj:
 //
 //   attribute tree   key    object name, NUL, attribute number (1 byte)
 //                    value  NUL, then the items joined by one NUL each; no bytes for an empty list
@@ -32,8 +33,10 @@ enum SAttributeFlag : unsigned {
 // "example.org"), so that a prefix search finds all domains below one.
 //
 // Reads lock for themselves (shared, on the attribute tree, which orders them against every writer) and see what other
-// processes wrote. Writes belong between LockWrite and UnlockWrite. There is no rollback: a write that fails midway
-// leaves index and attributes out of step. Attribute numbers outside the table give empty results and failures.
+// processes wrote. Writes belong between LockWrite and UnlockWrite, and reach the files together at its end: after a
+// crash or a power cut both trees have all of a section or nothing of it. The next one to open them finishes what the
+// journal says is decided. A section in which a tree can't be written is dropped as a whole. Attribute numbers outside
+// the table give empty results and failures.
 class SObjectDB {
 public:
   SObjectDB();
@@ -48,6 +51,8 @@ public:
   void UnlockRead();
   void LockWrite();    // attribute tree first, then index tree
   void UnlockWrite();  // index tree first, attribute tree last: readers wait on the latter
+  // Without the journal a section's end costs one flush less, and a crash during it may leave both trees in pieces.
+  void SetJournaled(bool journaled) { _journaled = journaled; }
 
   unsigned Create(SString const &name, int type);
   unsigned Delete(SString const &name);
@@ -83,10 +88,10 @@ public:
   unsigned Backup(SString const &attributeSuffix, SString const &indexSuffix);
 
   // 1 when some read since the last clear failed for another reason than absence: what looked absent may be there.
-  unsigned ReadFailed() const { return _attributes.ReadFailed() | _index.ReadFailed(); }
+  unsigned ReadFailed() const { return _attributes.ReadFailed() | _index.ReadFailed() | _replayFailed; }
   void ClearReadFailed();
   // 1 when pages could not be written, at the latest when a write section ended.
-  unsigned WriteFailed() const { return _attributes.WriteFailed() | _index.WriteFailed(); }
+  unsigned WriteFailed() const { return _attributes.WriteFailed() | _index.WriteFailed() | _commitFailed; }
   void ClearWriteFailed();
 
   // For whoever reads the files as they stand: a value's form in the index, from the SAttributeFlag bits of its
@@ -97,6 +102,10 @@ public:
 private:
   class ReadSection;
 
+  void _DropInherited();
+  bool _Replay();
+  unsigned _Commit();
+  void _RefreshIndex();
   bool _Knows(int attribute) const;
   unsigned _FlagsOf(int attribute) const;
   template <class Take>
@@ -111,6 +120,13 @@ private:
 
   SBTree _attributes;
   SBTree _index;
+  SJournal _journal;
+  bool _journaled = true;
+  int _writers = 0;                    // write sections within one another
+  bool _isRefused = false;             // the write section may not write
+  unsigned long _forks = ForkCount();  // of the process whose sections these are
+  unsigned _replayFailed = 0;
+  unsigned _commitFailed = 0;
   _Attribute const *_table = nullptr;
   int _count = 0;                // rows of the table
   int _readers = 0;              // read sections within one another

@@ -1,0 +1,98 @@
+#include "brenthaven/accounts/repair.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "brenthaven/accounts/accountstore.h"
+#include "brenthaven/accounts/attributes.h"
+#include "brenthaven/accounts/special.h"
+#include "brenthaven/platform/barrier.h"
+#include "brenthaven/platform/descriptor.h"
+#include "brenthaven/platform/sys.h"
+#include "brenthaven/store/salvage.h"
+#include "brenthaven/store/sobjectdb.h"
+#include "brenthaven/text/base.h"
+
+namespace {
+
+constexpr char kStem[] = "BTAccounts.";
+constexpr char kNewStem[] = "BTAccounts.repair.";
+constexpr char kNul = '\0';
+constexpr char const *kParts[] = {"a", "i"};
+constexpr int kNoIndex = 1;
+
+SString PathOf(char const *stem, char const *part) { return SString(GetEnv("Brenthaven")) + "/config/" + stem + part; }
+
+// The new files, and what went into them.
+class Rebuild {
+public:
+  Rebuild() : _store(kNewStem, 0, accountstore::Table()) {
+    for (char const *part : {"a", "i", "j"}) (void)sys::Unlink(PathOf(kNewStem, part));
+    _store.SetJournaled(false);  // nobody reads them before they are complete
+    _store.LockWrite();
+  }
+
+  // "name NUL attribute" and the items, in any order.
+  void Take(SString const &key, SString const &value) {
+    int const end = key.Length() - 2;
+    int const attribute = static_cast<unsigned char>(key[-1]);
+    SString const uid = key.Segment(0, std::max(end, 0));
+    bool const isRecord = end > 0 && key[end] == kNul && attribute < kAttrCount && uid.Index(kNul) < 0;
+    if (!isRecord) return Drop();
+    if (_store.GetType(uid) == 0) {  // its own record may come later, or be lost: it is an account all the same
+      if (!_store.Create(uid, accountstore::kAccountType)) return Drop();
+      ++_result.accounts;
+    }
+    if (attribute == kAttrType || _store.GetAttrib(attribute, uid).Length() > 0) return;  // found before
+    int const flags = IsTemplateUID(uid) ? kNoIndex : 0;
+    if (!_store.SetAttrib(attribute, uid, SObjectDB::SplitValues(value), flags)) return Drop();
+    ++_result.records;
+  }
+  void MarkSalvaged() { _result.salvaged = true; }
+
+  SAccountRepair Finish() {
+    _store.UnlockWrite();
+    _result.done = !_store.WriteFailed() && PutInPlace();
+    return _result;
+  }
+
+private:
+  void Drop() { ++_result.dropped; }
+
+  // The journal belongs to the old files and goes first: what it held that was not in them is lost with them.
+  bool PutInPlace() {
+    SSyncBarrier barrier;
+    for (char const *part : kParts) barrier.AddFile(PathOf(kNewStem, part));
+    if (!barrier.Commit()) return false;
+    for (char const *part : {"j", "i", "a"}) {
+      SString const old = PathOf(kStem, part), damaged = old + ".damaged";
+      (void)sys::Unlink(damaged);
+      if (sys::Link(old, damaged) != 0 && errno != ENOENT) return false;
+    }
+    if (sys::Unlink(PathOf(kStem, "j")) != 0 && errno != ENOENT) return false;
+    for (char const *part : {"i", "a"})
+      if (sys::Rename(PathOf(kNewStem, part), PathOf(kStem, part)) != 0) return false;
+    barrier.AddParentOf(PathOf(kStem, "a"));
+    return barrier.Commit() != 0;
+  }
+
+  SObjectDB _store;
+  SAccountRepair _result;
+};
+
+}  // namespace
+
+SAccountRepair RepairAccountFiles() {
+  SDescriptor locks[2];
+  for (int i = 0; i < 2; ++i) {  // the attributes first, as everybody does
+    locks[i] = SDescriptor(sys::Open(PathOf(kStem, kParts[i]), O_RDWR));
+    bool const isMissing = !locks[i].IsOpen() && errno == ENOENT && i == 1;
+    if (!isMissing && (!locks[i].IsOpen() || sys::Lock(locks[i].Get(), F_WRLCK, 0, 1, true) != 0)) return {};
+  }
+  Rebuild rebuild;
+  SSalvage const read =
+      SalvageRecords(PathOf(kStem, "a"), [&](SString const &key, SString const &value) { rebuild.Take(key, value); });
+  if (!read.isRead) return {};
+  if (!read.isWhole) rebuild.MarkSalvaged();
+  return rebuild.Finish();
+}
