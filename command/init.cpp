@@ -35,11 +35,11 @@ struct SectionRow {
   char const *section;
 };
 constexpr SectionRow kSections[] = {
-    {"SMTP-Router", "/Config"},     {"SMTP-Router", "/Error-Actions"}, {"Account-Handler", "/Config"},
-    {"Mailbox-Deliver", "/Config"}, {"Mailbox-Deliver", "/Messages"},  {"Dispatcher", "/Config"},
-    {"List-Exploder", "/Config"},   {"List-Manager", "/Config"},       {"List-Manager", "/Log"},
-    {"List-Manager", "/Messages"},  {"Error-Handler", "/Error-Actions"},
-    {"SMTP-Router", "/Directory"},  {"LDAP-Reference", "/Config"},
+    {"SMTP-Router", "/Config"},     {"SMTP-Router", "/Error-Actions"},   {"Account-Handler", "/Config"},
+    {"Mailbox-Deliver", "/Config"}, {"Mailbox-Deliver", "/Messages"},    {"Dispatcher", "/Config"},
+    {"List-Exploder", "/Config"},   {"List-Manager", "/Config"},         {"List-Manager", "/Log"},
+    {"List-Manager", "/Messages"},  {"Error-Handler", "/Error-Actions"}, {"SMTP-Router", "/Directory"},
+    {"LDAP-Reference", "/Config"},
 };
 
 // Texts that an installation starts with, in English; an administrator changes them with `config set`.

@@ -35,7 +35,7 @@ bool ReadState(Command &command, SListState &state, std::string const &name) {
 SString HeldMessage(Command &command, SList const &list, ListOptions const &options) {
   SListState state(list.GetUID());
   if (!ReadState(command, state, options.name)) return "";
-  SString const message = state.GetApproveMsgText(state.FindApproveMsg(SString(options.id)));
+  SString message = state.GetApproveMsgText(state.FindApproveMsg(SString(options.id)));
   if (message.Length() == 0) FailResult(command, kListMsgNotFound, options.id);
   return message;
 }

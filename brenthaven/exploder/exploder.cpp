@@ -238,6 +238,7 @@ SDecision SListExploderModule::_Decide(SList const &list, SHeader &header) {
 }
 
 SDecision SListExploderModule::_DecideAndRecord(SPosting const &posting) {
+  SAccountReadScope const accounts;  // before the state, as whoever subscribes takes them
   SListState state(posting.list.GetUID());
   if (!state.Read()) return {.verdict = SVerdict::kRetry, .why = "Couldn't get list state"};
   bool const isApproved = GetControl().Get(kKeyApproved).Get(0) == "yes";

@@ -83,8 +83,9 @@ SString FirstPlainText(SMIME const &body, int level = 0) {
     SString const content = body.Contents().Get(i);
     if (mains.Get(i) == "text" && subs.Get(i) == "plain")
       return body.PartEncodings().Get(i) == kQuotedPrintable ? DecodeQuotedPrintable(content.View()) : content;
+    if (!(mains.Get(i) == "multipart") || level == kMaxLevels) continue;
     std::string_view const boundary = BoundaryOf(content.View());
-    if (!(mains.Get(i) == "multipart") || level == kMaxLevels || boundary.empty()) continue;
+    if (boundary.empty()) continue;
     SHeader head;
     head[kHeaderMimeVersion] = "1.0";
     head[kHeaderContentType] = "multipart/" + subs.Get(i) + "; boundary=\"" + SString(boundary) + "\"";

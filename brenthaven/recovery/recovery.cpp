@@ -71,6 +71,7 @@ private:
   std::vector<Entry> Entries(std::string const &directory);
   void CollectNames(std::string const &directory, int depth, std::unordered_set<std::string> &names);
   bool IsQuiet(Entry const &entry, long atLeast = 0) const;
+  bool IsUnwritten(Entry const &entry) const;
   bool Remove(Entry const &entry);
   bool MoveToLost(Entry const &entry);
   bool MoveToQueue(Entry const &entry, std::string const &function);
@@ -105,7 +106,7 @@ void Recovery::RemoveTemporaries(std::string const &directory, int depth) {
   for (Entry const &entry : Entries(directory)) {
     if (S_ISDIR(entry.info.st_mode)) {
       if (depth > 0) RemoveTemporaries(entry.path, depth - 1);
-    } else if (EndsWith(entry.name, kTempSuffix) && IsQuiet(entry)) {
+    } else if (EndsWith(entry.name, kTempSuffix) && IsUnwritten(entry)) {
       (void)Remove(entry);
     }
   }
@@ -114,7 +115,7 @@ void Recovery::RemoveTemporaries(std::string const &directory, int depth) {
 // A list's lock tells whether somebody is still writing its state.
 void Recovery::RemoveListTemporaries() {
   for (Entry const &entry : Entries(_root + "/listdata")) {
-    if (!S_ISREG(entry.info.st_mode) || !EndsWith(entry.name, kNewSuffix) || !IsQuiet(entry)) continue;
+    if (!S_ISREG(entry.info.st_mode) || !EndsWith(entry.name, kNewSuffix) || !IsUnwritten(entry)) continue;
     std::string const lock = entry.path.substr(0, entry.path.size() - kNewSuffix.size()).append(kLockSuffix);
     SDescriptor const file(sys::Open(lock.c_str(), O_RDWR | O_CREAT));
     if (file.IsOpen() && sys::Lock(file.Get(), F_WRLCK, 0, 1, false) == 0) (void)Remove(entry);
@@ -226,6 +227,9 @@ bool Recovery::IsQuiet(Entry const &entry, long atLeast) const {
   // A rename moves the change time, so that what was only just put there counts as young.
   return _now - std::max(entry.info.st_mtime, entry.info.st_ctime) >= std::max(_scope.quietSeconds, atLeast);
 }
+
+// For a file that nobody renames but its writer.
+bool Recovery::IsUnwritten(Entry const &entry) const { return _now - entry.info.st_mtime >= _scope.quietSeconds; }
 
 bool Recovery::Remove(Entry const &entry) {
   if (sys::Unlink(entry.path.c_str()) != 0) {
