@@ -101,7 +101,7 @@ public:
     SString const text(std::string_view(std::string(kTextBytes, 'x') + "\r\n"));
     SControl control(name);
     SHeader header(name);
-    SString(kHeader) + "Message-ID: <" + name + ">\r\n" >> header;
+    (SString(kHeader) + "Message-ID: <" + name + ">\r\n") >> header;
     Require(MapFileWrite(control.GetBodyFilename(), text) && header.Write(), "write a posting");
     control[kKeyFunction] = "List-Exploder";
     control[kKeyControlType] = kTypeMail;

@@ -134,7 +134,8 @@ void BM_ChangeSynced(benchmark::State &state) {
   int account = 0;
   for (auto _ : state) {
     store.LockWrite();
-    store.SetAttrib(kAddress, Uid(account++ % 10000), Address(20000 + account), 0);
+    ++account;
+    store.SetAttrib(kAddress, Uid(account % 10000), Address(20000 + account), 0);
     store.UnlockWrite();
   }
   setenv("SpoolSync", "no", 1);

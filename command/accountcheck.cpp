@@ -20,6 +20,9 @@ void Repair(Command &command) {
 
 void Check(Command &command, bool repair) {
   if (!EnterInstance(command)) return;
+  { SAccountDBMod const section; }  // finishes what a writer who died had decided
+  SAccountBase::ClearReadFailed();
+  SAccountBase::ClearWriteFailed();
   SAccountCheck const check = CheckAccountFiles([](SString const &fault) { puts(OneLine(ToStd(fault)).c_str()); });
   bool const isReadable = !check.readFailed && SAccountBase::ReadFailed() == 0;
   printf("%ld attributes, %ld index entries, %ld faults\n", check.attributes, check.entries, check.faults);

@@ -58,7 +58,7 @@ void Print(SAccountSearch const &search, bool asJson) {
     if (asJson)
       found.push_back({{"uid", ToStd(uid)}, {"name", ToStd(*name)}});
     else
-      printf("%s\t%s\n", static_cast<char const *>(uid), static_cast<char const *>(*name));
+      printf("%s\t%s\n", static_cast<char const *>(uid), OneLine(ToStd(*name)).c_str());
     ++name;
   }
   if (!asJson) return;

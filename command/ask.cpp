@@ -60,6 +60,8 @@ void AskAddress(Command &command, AskOptions const &options) {
   SStringList const accounts = request.Get(kKeyAccountTo);
   SStringList const channels = request.Get(kKeyChannelTo);
   bool const isKnown = accounts.Length() + channels.Length() > 0;
+  if (!isKnown && request.Get(kKeyError).Length() > 0)
+    return Fail(command, EX_TEMPFAIL, "the router could not read its accounts or settings");
   if (!isKnown) command.code = EX_NOUSER;
   if (options.json) return PrintJson(address, accounts, channels);
   for (SString const &uid : accounts) printf("%s\n", static_cast<char const *>(uid));

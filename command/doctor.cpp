@@ -112,7 +112,8 @@ void Doctor::_CheckEnvironment() {
 }
 
 void Doctor::_CheckModules() {
-  for (char const *module : {"SMTP-Router", "Account-Handler", "Mailbox-Deliver"}) {
+  for (char const *module :
+       {"SMTP-Router", "Account-Handler", "Mailbox-Deliver", "Error-Handler", "List-Exploder", "List-Manager"}) {
     int const code = RunModuleProgram(module, "VerifyEnvironment");
     if (code < 0)
       _Found(std::string(module) + " is not installed");

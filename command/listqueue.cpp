@@ -200,9 +200,10 @@ void EditHeld(Command &command, ListOptions const &options) {
 void PrintStats(Command &command, ListOptions const &options) {
   SList list;
   if (!EnterList(command, options.name, list)) return;
+  int const subscribers = list.GetSubscriberCount();  // accounts are read before the state is locked
   SListState state(list.GetUID());
   if (!ReadState(command, state, options.name)) return;
-  ListJson all = {{"subscribers", list.GetSubscriberCount()},
+  ListJson all = {{"subscribers", subscribers},
                   {"messages", state.GetTotalMessages()},
                   {"kbytes", state.GetTotalKbytes()},
                   {"digest_volume", state.GetDigestVolume()},

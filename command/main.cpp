@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 
+#include "brenthaven/accounts/account.h"
 #include "command/command.h"
 
 namespace {
@@ -47,6 +48,7 @@ int Run(int argc, char **argv) {
     int const result = app.exit(error);
     return result == 0 ? 0 : EX_USAGE;  // 0: help was asked for
   }
+  if (SAccountBase::WriteFailed()) Fail(command, EX_IOERR, "the account files could not be written");
   return command.code;
 }
 

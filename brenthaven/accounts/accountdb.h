@@ -86,6 +86,9 @@ public:
   SAccountDBMod(SAccountDBMod const &) = delete;
   SAccountDBMod &operator=(SAccountDBMod const &) = delete;
 
+  // Brings what was changed so far to disk, both files or neither, and keeps the lock: 1, or 0 with the changes gone.
+  // The end does the same and can't tell; SAccountBase::WriteFailed does. Inside another section 1, with nothing done.
+  unsigned Commit();
   // Makes the account when it is missing, and lets `account` write it. `account` may be null only for a new one. 0 for
   // an empty UID, a new one that is no safe name of a directory (safeuid.h), and a failed write.
   int ModifyAccount(SString const &uid, SAccountMod *account);

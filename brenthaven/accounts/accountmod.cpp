@@ -20,6 +20,12 @@ constexpr int kLinks[] = {kAttrLinkedManagerAccount, kAttrLinkedOwnerAccount};
 
 SObjectDB &Store() { return accountstore::Objects(); }
 
+// Takes away the copy of a password that can be deciphered: it would go on to be good. False when it is still there.
+bool RemoveCopy(SString const &uid) {
+  SAuxPassword copies;
+  return copies.DeletePassword(uid) != 0 || !copies.GetPassword(uid).Defined();  // most often there is none
+}
+
 // Takes every occurrence of an item out of a list; whether there was one.
 bool Remove(SStringList &list, SString const &item) {
   bool found = false;
@@ -76,16 +82,17 @@ int SAccountMod::_SetPassword(SString const &plain) {
 }
 
 int SAccountMod::_SetStoredPassword(SStringList const &values) {
-  if (_Store(kAttrPassword, values) == 0) return 0;
-  if (!IsTemplateUID(_uid)) (void)SAuxPassword().DeletePassword(_uid);  // most often there is none
-  return 1;
+  return (IsTemplateUID(_uid) || RemoveCopy(_uid)) && _Store(kAttrPassword, values) != 0;
 }
 
 int SAccountMod::_Store(int attribute, SStringList const &values) {
   return Store().SetAttrib(attribute, _uid, values, IsTemplateUID(_uid) ? kNoIndex : 0) != 0;
 }
 
-int SAccountMod::Delete(int attribute) { return Store().DeleteAttrib(attribute, _uid) != 0; }
+int SAccountMod::Delete(int attribute) {
+  if (attribute == kAttrPassword && !IsTemplateUID(_uid) && !RemoveCopy(_uid)) return 0;
+  return Store().DeleteAttrib(attribute, _uid) != 0;
+}
 
 int SAccountMod::Delete(SString const &name) { return Delete(_MapAttrib(name)); }
 
@@ -96,6 +103,8 @@ int SAccountMod::Unlock() { return Delete(kAttrLocked); }
 SAccountDBMod::SAccountDBMod() { accountstore::LockWrite(); }
 
 SAccountDBMod::~SAccountDBMod() { accountstore::UnlockWrite(); }
+
+unsigned SAccountDBMod::Commit() { return accountstore::Objects().Commit(); }
 
 int SAccountDBMod::ModifyAccount(SString const &uid, SAccountMod *account) {
   if (GetAccountInfo(uid, nullptr) == 0) {
@@ -118,9 +127,8 @@ int SAccountDBMod::DeleteAccount(SString const &uid) {
   }
   for (int attribute : kLinks)
     for (SString const &linked : Store().GetAttrib(attribute, uid))
-      (void)Store().Delete(linked);          // may be gone already
-  (void)SAuxPassword().DeletePassword(uid);  // most accounts of lists have none
-  return Store().Delete(uid) != 0;
+      (void)Store().Delete(linked);  // may be gone already
+  return RemoveCopy(uid) && Store().Delete(uid) != 0;
 }
 
 void SAccountDBMod::ReOpenDB(SString stem) { accountstore::PointAt(stem); }

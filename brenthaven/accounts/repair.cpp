@@ -20,8 +20,25 @@ constexpr char kNewStem[] = "BTAccounts.repair.";
 constexpr char kNul = '\0';
 constexpr char const *kParts[] = {"a", "i"};
 constexpr int kNoIndex = 1;
+constexpr int kDamagedNames = 1000;
 
 SString PathOf(char const *stem, char const *part) { return SString(GetEnv("Brenthaven")) + "/config/" + stem + part; }
+
+bool IsInPlace(int file, SString const &path) {
+  struct stat ours, other;
+  return sys::Fstat(file, &ours) == 0 && sys::Stat(path, &other) == 0 && ours.st_ino == other.st_ino &&
+         ours.st_dev == other.st_dev;
+}
+
+// Gives a file a second name that none has yet. True also when there is no such file.
+bool KeepDamaged(SString const &path) {
+  for (int number = 0; number < kDamagedNames; ++number) {
+    SString const name = path + ".damaged" + (number == 0 ? SString("") : "." + MakeSString(number));
+    if (sys::Link(path, name) == 0 || errno == ENOENT) return true;
+    if (errno != EEXIST) return false;
+  }
+  return false;
+}
 
 // The new files, and what went into them.
 class Rebuild {
@@ -65,9 +82,7 @@ private:
     for (char const *part : kParts) barrier.AddFile(PathOf(kNewStem, part));
     if (!barrier.Commit()) return false;
     for (char const *part : {"j", "i", "a"}) {
-      SString const old = PathOf(kStem, part), damaged = old + ".damaged";
-      (void)sys::Unlink(damaged);
-      if (sys::Link(old, damaged) != 0 && errno != ENOENT) return false;
+      if (!KeepDamaged(PathOf(kStem, part))) return false;
     }
     if (sys::Unlink(PathOf(kStem, "j")) != 0 && errno != ENOENT) return false;
     for (char const *part : {"i", "a"})
@@ -87,12 +102,17 @@ SAccountRepair RepairAccountFiles() {
   for (int i = 0; i < 2; ++i) {  // the attributes first, as everybody does
     locks[i] = SDescriptor(sys::Open(PathOf(kStem, kParts[i]), O_RDWR));
     bool const isMissing = !locks[i].IsOpen() && errno == ENOENT && i == 1;
-    if (!isMissing && (!locks[i].IsOpen() || sys::Lock(locks[i].Get(), F_WRLCK, 0, 1, true) != 0)) return {};
+    if (isMissing) continue;
+    if (!locks[i].IsOpen() || sys::Lock(locks[i].Get(), F_WRLCK, 0, 1, true) != 0) return {};
+    if (!IsInPlace(locks[i].Get(), PathOf(kStem, kParts[i]))) return {};  // replaced while this waited
   }
+  SJournal journal;
+  journal.Init(SString(kStem) + "j");
+  (void)journal.Replay({PathOf(kStem, "a"), PathOf(kStem, "i")});  // where it can't be, the pages say what they can
   Rebuild rebuild;
   SSalvage const read =
       SalvageRecords(PathOf(kStem, "a"), [&](SString const &key, SString const &value) { rebuild.Take(key, value); });
-  if (!read.isRead) return {};
+  if (!read.isRead || !read.isKnown) return {};
   if (!read.isWhole) rebuild.MarkSalvaged();
   return rebuild.Finish();
 }

@@ -29,7 +29,7 @@ inline constexpr char kBehindPassword = 0x1f;
 // Stands behind a text whose digest is a key (MD5Secret).
 inline constexpr char kSecretSuffix[] = "q7Lw-0zTn.Vb4e_Rk2y";
 
-// Combined with each byte of a scrambled text. DEL: no byte of ASCII or UTF-8 text becomes a NUL, which the account
+// Combined with each byte of a scrambled text. DEL: no printable byte becomes a NUL, which the account
 // store could not hold, and a text that begins with a small letter is told from a scrambled one.
 inline constexpr char kScramble = 0x7f;
 

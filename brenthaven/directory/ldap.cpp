@@ -1,7 +1,9 @@
 #include "brenthaven/directory/ldap.h"
 
 #include <ldap.h>
+#include <netdb.h>
 #include <sasl/sasl.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -17,6 +19,18 @@
 #include "brenthaven/text/sstringlist.h"
 
 namespace {
+
+// How many addresses a name has; 1 for one that has none, which the connect finds out.
+int CountAddresses(SString const &host) {
+  addrinfo wanted{};
+  wanted.ai_socktype = SOCK_STREAM;
+  addrinfo *found = nullptr;
+  if (getaddrinfo(host, nullptr, &wanted, &found) != 0) return 1;
+  int count = 0;
+  for (addrinfo const *each = found; each != nullptr; each = each->ai_next) ++count;
+  freeaddrinfo(found);
+  return std::max(count, 1);
+}
 
 // Challenges that do not show the password, the best first.
 constexpr char const *kMechanisms[] = {"SCRAM-SHA-512", "SCRAM-SHA-256", "SCRAM-SHA-1", "DIGEST-MD5"};
@@ -162,6 +176,13 @@ struct SLdap::Connection {
     timeval const time{left / 1000000, left % 1000000};
     return Set(LDAP_OPT_TIMEOUT, &time) && Set(LDAP_OPT_NETWORK_TIMEOUT, &time);
   }
+
+  // For the connect, in which the library gives each address of a host the whole time: they share it.
+  bool ShareTime(int addresses) const {
+    auto const left = std::chrono::duration_cast<std::chrono::microseconds>(socket.Left()).count() / addresses;
+    timeval const time{left / 1000000, left % 1000000};
+    return left > 0 && Set(LDAP_OPT_NETWORK_TIMEOUT, &time);
+  }
 };
 
 SLdap::SLdap(SLdapOptions const &options) : _options(options) {}
@@ -215,7 +236,7 @@ SLdapResult SLdap::Open(SString const &url, SLdapTransport transport) {
     return _Fail(SLdapResult::kUnusable, "not the address of a directory: " + url);
   _connection = std::move(connection);
   if (_connection->tls && !_TrustAuthorities()) return SLdapResult::kUnusable;
-  if (!_PrepareStep()) return SLdapResult::kUnreachable;
+  if (!_PrepareStep() || !_connection->ShareTime(CountAddresses(server.host))) return SLdapResult::kUnreachable;
   return _Classify(library->ldap_connect(_connection->handle));
 }
 

@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr char kFailed[] = "failed";
-constexpr char kDelayed[] = "delayed";
 constexpr char kNoticeSubtype[] = "plain; charset=iso-2022-jp";
 
 // A record of the judge is held where the judge would have held it.
@@ -117,17 +115,20 @@ unsigned int SErrorHandlerModule::_Return() {
   bool const delayed =
       MeaningOf(ErrorNameOf(record)).IsDelay() && !CameBack(record, kModuleErrorHandler) && ResumeMessage(resumed);
   SStringList error;
-  SReturnReasons const reasons = ReasonsFor(record, recipients, delayed ? kDelayed : kFailed);
-  if (ReturnMessage(*this, record, reasons, &error) == SReturned::kFailed) {
+  if (ReturnMessage(*this, record, ReasonsFor(record, recipients, delayed), &error) == SReturned::kFailed) {
     _Log("ERROR:" + error.Join(":"));
-    return 0;
+    bool const isUnreadable = error.Get(0) == "ReadHeader" || error.Get(0) == "ReadBody";
+    if (!isUnreadable || PassesInARow(record) < kReadPasses) return 0;
+    return _WriteToPostmaster() ? _Hold(kHeldPlace) : 0;
   }
   if (!delayed) return _Remove();
   record = resumed;
   return _LetGoOn();
 }
 
-unsigned int SErrorHandlerModule::_TellPostmaster() {
+unsigned int SErrorHandlerModule::_TellPostmaster() { return _WriteToPostmaster() ? _Remove() : 0; }
+
+bool SErrorHandlerModule::_WriteToPostmaster() {
   SControl &record = GetControl();
   SString const postmaster = SString(kPostmasterUID) + "@" + GetDomainName();
   SMIME body;
@@ -144,11 +145,11 @@ unsigned int SErrorHandlerModule::_TellPostmaster() {
   SStringList error;
   if (!mail.Submit(&error)) {
     _Log("ERROR:" + error.Join(":"));
-    return 0;
+    return false;
   }
   if (!SAccountDB().GetAccountInfo(kPostmasterUID, nullptr))
     _Log("ERROR:no account Postmaster, mail for it waits:" + mail.GetMessageID());
-  return _Remove();
+  return true;
 }
 
 // A record that is still there goes into the queue, with word that its report is sent.

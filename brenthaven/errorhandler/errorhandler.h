@@ -25,6 +25,8 @@ class SErrorHandlerModule : public SModule {
 public:
   // Passes of this module over one record; the queue gives one each time that it is walked.
   static constexpr int kMostPasses = 1000;
+  static constexpr int kReadPasses =
+      5;  // over one whose message can't be read: Postmaster is told then, and it is held
 
   SErrorHandlerModule();
   unsigned int LoadEnv() override;
@@ -36,6 +38,7 @@ private:
   unsigned int _Hold(char const *place);
   unsigned int _Return();
   unsigned int _TellPostmaster();
+  bool _WriteToPostmaster();
   unsigned int _Remove();
   unsigned int _LetGoOn();
   void _Log(SString const &text);

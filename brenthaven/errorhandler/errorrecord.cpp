@@ -1,5 +1,6 @@
 #include "brenthaven/errorhandler/errorrecord.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "brenthaven/accounts/accountdb.h"
@@ -15,6 +16,8 @@
 namespace {
 
 constexpr char kIndent[] = "    ";
+constexpr char kFailed[] = "failed";  // actions, RFC 3464 section 2.3.3
+constexpr char kDelayed[] = "delayed";
 constexpr int kMostListed = 50;  // recipients in the text for people; the machine-readable part has all
 constexpr int kMostSubjectBytes = 1000;
 
@@ -124,19 +127,22 @@ bool FailedRecipients(SControl const &record, SStringList &addresses) {
   return !SAccountDB::ReadFailed();
 }
 
-SReturnReasons ReasonsFor(SControl &record, SStringList const &recipients, char const *action) {
-  SErrorMeaning const &meaning = MeaningOf(ErrorNameOf(record));
+SReturnReasons ReasonsFor(SControl &record, SStringList const &recipients, bool delayed) {
+  SErrorMeaning const meaning = delayed ? MeaningOf(ErrorNameOf(record)) : FinalMeaningOf(ErrorNameOf(record));
   SReturnReasons reasons;
   reasons.lines = {meaning.text, ""};
   SStringList const text = TextOf(record);
-  if (text.Join("\n").Index(recipients.Get(0)) < 0) reasons.lines.Push(Listed(recipients));
+  SStringSet const lines(text);
+  bool const isNamed = std::all_of(recipients.begin(), recipients.end(),
+                                   [&lines](SString const &address) { return lines.Contains(kIndent + address); });
+  if (!isNamed) reasons.lines.Push(Listed(recipients));
   reasons.lines.Push(text);
   if (SString const subject = SubjectOf(record); subject.Length() > 0) {
     reasons.lines.Push("");
     reasons.lines.Push("Subject: " + subject);
   }
   for (SString const &address : recipients)
-    reasons.recipients.push_back({address, action, meaning.status, meaning.text});
+    reasons.recipients.push_back({address, delayed ? kDelayed : kFailed, meaning.status, meaning.text});
   return reasons;
 }
 

@@ -23,8 +23,8 @@ SString ErrorNameOf(SControl const &record);
 bool FailedRecipients(SControl const &record, SStringList &addresses);
 
 // What the sender of a message is told: a sentence, the record's own lines, the recipients where those do not name
-// them, and by its subject which message it was. action is "failed" or "delayed".
-SReturnReasons ReasonsFor(SControl &record, SStringList const &recipients, char const *action);
+// them, and by its subject which message it was. delayed: the message goes on; else it does not.
+SReturnReasons ReasonsFor(SControl &record, SStringList const &recipients, bool delayed);
 
 // What a person is told of an error that is returned to nobody: origin, numbers with their texts, and lines. In
 // ISO-2022-JP.

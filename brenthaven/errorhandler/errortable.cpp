@@ -24,6 +24,8 @@ constexpr SErrorMeaning kMeanings[] = {
     {"NotDefined", "4.3.0", kWaits, kActionReturn},
     {"LowDiskSpaceWarning", "4.3.1", kWaits, kActionReturn},
 };
+constexpr char kFinalStatus[] = "5.4.7";  // delivery time expired
+constexpr char kFinalText[] = "The message could not be delivered, though it was tried again.";
 constexpr SErrorMeaning kUnknownError = {"", "5.0.0", "The message could not be delivered.", kActionReturn};
 
 }  // namespace
@@ -32,4 +34,12 @@ SErrorMeaning const &MeaningOf(SString const &errorName) {
   auto const found = std::find_if(std::begin(kMeanings), std::end(kMeanings),
                                   [&](SErrorMeaning const &meaning) { return errorName == meaning.name; });
   return found != std::end(kMeanings) ? *found : kUnknownError;
+}
+
+SErrorMeaning FinalMeaningOf(SString const &errorName) {
+  SErrorMeaning meaning = MeaningOf(errorName);
+  if (!meaning.IsDelay()) return meaning;
+  meaning.status = kFinalStatus;
+  meaning.text = kFinalText;
+  return meaning;
 }

@@ -13,3 +13,5 @@ struct SErrorMeaning {
 
 // The meaning of an error; for a name that is not known that of a failure without further reason.
 SErrorMeaning const &MeaningOf(SString const &errorName);
+// The same when it was not a delay after all: class 5 in place of 4.
+SErrorMeaning FinalMeaningOf(SString const &errorName);

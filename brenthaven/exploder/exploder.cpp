@@ -227,6 +227,7 @@ SDecision SListExploderModule::_Decide(SList const &list, SHeader &header) {
                          .kbytes = Kilobytes(control)};
   if (control.Get(kKeyApproved).Get(0) == "yes") return _DecideAndRecord(posting);
   if (IsLoop(list, header)) return {.verdict = SVerdict::kDrop, .why = "loop"};
+  if (IsReport(control)) return {.verdict = SVerdict::kDrop, .why = "report"};
   SListState ofBounces(list.GetUID());
   if (SBounceFilter(this).FilterBounce(control, header, ofBounces) != kBounceNot)
     return {.verdict = SVerdict::kDrop, .why = "bounce"};

@@ -93,7 +93,7 @@ SListBatch::~SListBatch() = default;
 
 unsigned SListBatch::Commit() {
   std::unique_ptr<SListState> const state = std::move(_state);
-  return state == nullptr || state->Commit();
+  return _accounts.Commit() && (state == nullptr || state->Commit());
 }
 
 SListState *SListActions::Section::ReadState() {
@@ -107,7 +107,7 @@ SListState *SListActions::Section::ReadState() {
 bool SListActions::Section::CommitState() {
   if (_batch != nullptr) return true;
   std::unique_ptr<SListState> const state = std::move(_own);
-  return state != nullptr && state->Commit();
+  return state != nullptr && accounts.Commit() && state->Commit();
 }
 
 int SListActions::Section::CountSubscribers() {
@@ -266,7 +266,7 @@ int SListActions::_ModifySubscription(Section &section, SString const &uid) {
   bool const moved = Remove(_digest ? member.immediate : member.digest, _listUID);
   if (!moved && wanted.Contains(_listUID)) return kListAlreadySubscribed;
   Add(wanted, _listUID);
-  if (member.Store(subscriber)) return kListSubscriptionChanged;
+  if (member.Store(subscriber) && section.accounts.Commit()) return kListSubscriptionChanged;
   LogError("Couldn't ModifyAccount " + uid);
   return kListTempFail;
 }

@@ -109,7 +109,8 @@ SStringList SListDB::GetAvailableLists(SString const &uid) {
   SStringList available;
   SAccount account;
   if (!GetAccountInfo(uid, &account)) return available;
-  S821Address const address("<" + account.GetPrimaryAddress() + ">");
+  SString const primary = account.GetPrimaryAddress();
+  S821Address const address(primary[0] == '<' ? primary : "<" + primary + ">");
   SList list;
   for (SString const &listUID : GetListUIDs())
     if (GetByUID(listUID, &list, 0) && !list.IsListLocked() &&

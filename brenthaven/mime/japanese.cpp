@@ -106,8 +106,8 @@ private:
 };
 
 bool IsPlain(string_view line) {
-  for (char const c : line)
-    if ((c < ' ' && c != '\t') || c == 0x7f) return false;  // a byte above ASCII is a negative char
+  for (unsigned char const c : line)
+    if ((c < ' ' && c != '\t') || c >= 0x7f) return false;
   return true;
 }
 

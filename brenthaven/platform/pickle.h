@@ -54,6 +54,6 @@ private:
   SString _data;
   void *_lock = HandleOf(-1);  // handle of the lock file, -1 when not held
   int _position = 0;
-  bool _cut = false;  // a value was shorter than its length, or lay past the end
+  bool _cut = false;       // a value was shorter than its length, or lay past the end
   bool _was_read = false;  // under the lock that is held
 };

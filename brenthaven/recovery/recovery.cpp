@@ -65,6 +65,9 @@ private:
   void EmptyStrayDirectories();
   void LookAtControlFiles();
   void LookAtMail(SControl &control, Entry const &file);
+  static bool IsControl(SControl &control);
+  bool IsReadable(std::string const &path);
+  static bool IsMissing(SString const &path);
   void ReportHalf(SControl &control, Entry const &file, bool hasHeader);
   void SetOrphansAside();
 
@@ -88,6 +91,7 @@ private:
   std::string _root;
   time_t _now;
   SRecoveryReport _report;
+  bool _isListed = true;  // every directory could be read to its end
 };
 
 // A write section brings in what the journal says is decided.
@@ -144,8 +148,9 @@ void Recovery::LookAtControlFiles() {
     std::string const name = file.name.substr(0, file.name.size() - strlen(kControlSuffix));
     if (_scope.isBusy && _scope.isBusy(name)) continue;
     SControl control((SString(name)));
-    if (control.Read() == 0 || control.Get(kKeyFunction).Get(0).Length() == 0) {
-      if (MoveToLost(file)) ++_report.lost;
+    if (!IsControl(control)) {
+      bool const isGarbage = IsReadable(file.path) && !IsControl(control);  // a look that failed is taken once more
+      if (isGarbage && MoveToLost(file)) ++_report.lost;
     } else if (control.Get(kKeyControlType).Get(0) == kTypeRequest) {
       (void)Remove(file);
     } else {
@@ -156,8 +161,8 @@ void Recovery::LookAtControlFiles() {
 
 void Recovery::LookAtMail(SControl &control, Entry const &file) {
   bool const isMail = control.Get(kKeyControlType).Get(0) == kTypeMail;
-  bool const hasHeader = FileExists(control.GetHeaderFilename()) != 0;
-  bool const hasBody = FileExists(control.GetBodyFilename()) != 0;
+  bool const hasHeader = !IsMissing(control.GetHeaderFilename());
+  bool const hasBody = !IsMissing(control.GetBodyFilename());
   bool const isRecord = control.Get(kKeyFunction).Get(0) == kModuleErrorHandler;  // needs neither
   if (!isRecord && hasHeader != hasBody) return ReportHalf(control, file, hasHeader);
   if (!isRecord && isMail && !hasHeader) {  // the message is gone, delivered or lost; the control alone can do nothing
@@ -169,6 +174,24 @@ void Recovery::LookAtMail(SControl &control, Entry const &file) {
     ++_report.requeued;
     Log("REQUEUED:" + file.name);
   }
+}
+
+bool Recovery::IsControl(SControl &control) {
+  return control.Read() != 0 && control.Get(kKeyFunction).Get(0).Length() > 0;
+}
+
+// Whether the bytes of a file could be had: if not, nothing can be said of them.
+bool Recovery::IsReadable(std::string const &path) {
+  SDescriptor const file(sys::Open(path.c_str(), O_RDONLY));
+  char byte;
+  if (file.IsOpen() && sys::Pread(file.Get(), &byte, 1, 0) >= 0) return true;
+  if (errno != ENOENT) Failed("cannot read " + path);
+  return false;
+}
+
+bool Recovery::IsMissing(SString const &path) {
+  struct stat info;
+  return sys::Lstat(path, &info) != 0 && errno == ENOENT;
 }
 
 // The half that is there is kept: whoever works on the record removes what it belongs to.
@@ -185,9 +208,12 @@ void Recovery::ReportHalf(SControl &control, Entry const &file, bool hasHeader) 
 
 void Recovery::SetOrphansAside() {
   std::unordered_set<std::string> names;
+  _isListed = true;
   CollectNames(_root + "/control", 1, names);
   CollectNames(_root + "/deferred", kDeepest, names);
   CollectNames(_root + "/List-Exploder", 2, names);
+  CollectNames(_root + "/control", 1, names);  // what came back from a queue meanwhile
+  if (!_isListed) return;                      // what is not seen may be there
   for (Entry const &entry : Entries(_root + "/messages")) {
     if (!S_ISREG(entry.info.st_mode) || !IsQuiet(entry, kOrphanSeconds)) continue;
     std::string name = entry.name;
@@ -202,14 +228,21 @@ std::vector<Recovery::Entry> Recovery::Entries(std::string const &directory) {
   std::vector<Entry> entries;
   DIR *const dir = sys::OpenDir(directory.c_str());
   if (dir == nullptr) {
-    if (errno != ENOENT) Failed("cannot read " + directory);
+    if (errno != ENOENT) {
+      _isListed = false;
+      Failed("cannot read " + directory);
+    }
     return entries;
   }
   while (struct dirent const *found = sys::ReadDir(dir)) {
     Entry entry{directory + "/" + found->d_name, found->d_name, {}};
     if (entry.name == "." || entry.name == "..") continue;
-    if (sys::Lstat(entry.path.c_str(), &entry.info) == 0) entries.push_back(std::move(entry));
+    if (sys::Lstat(entry.path.c_str(), &entry.info) == 0)
+      entries.push_back(std::move(entry));
+    else if (errno != ENOENT)
+      _isListed = false;
   }
+  if (errno != 0) _isListed = false;
   (void)sys::CloseDir(dir);
   return entries;
 }
@@ -250,7 +283,9 @@ bool Recovery::MoveToLost(Entry const &entry) {
 bool Recovery::MoveToQueue(Entry const &entry, std::string const &function) {
   bool const isName = function.find('/') == std::string::npos && function.front() != '.';
   std::string const directory = _root + "/deferred";
-  if (!isName) return MoveToLost(entry);
+  struct stat info;
+  bool const isTaken = sys::Lstat((directory + "/" + function + "/" + entry.name).c_str(), &info) == 0;
+  if (!isName || isTaken) return MoveToLost(entry);
   if (!Rename(entry.path, directory + "/" + function, entry.name)) return false;
   Log("DEFERRED:" + entry.path);
   return true;

@@ -26,19 +26,8 @@ SString InBrackets(SString entry) {
   return "<" + entry + ">";
 }
 
-// "." is a dot and "*" any text.
-SString PatternExpression(SString const &pattern) {
-  SString expression = "^<";
-  for (char const c : pattern.View()) {
-    if (c == '.')
-      expression += "\\.";
-    else if (c == '*')
-      expression += ".*";
-    else
-      expression += c;
-  }
-  return expression + ">$";
-}
+// An address that the pattern covers whole.
+SString PatternExpression(SString const &pattern) { return "^<" + WildcardExpression(pattern) + ">$"; }
 
 SStringList EachOnce(SStringList const &entries) {
   SStringSet seen;

@@ -53,15 +53,21 @@ std::vector<std::string> Words(std::string_view text) {
 // nothing, since a match may stand anywhere, and without them many a pattern is plain bytes, which are found far
 // faster.
 SString ExpressionOf(std::string_view pattern) {
-  while (pattern.size() > 1 && pattern.front() == '*') pattern.remove_prefix(1);
-  while (pattern.size() > 1 && pattern.back() == '*' && pattern[pattern.size() - 2] != '\\') pattern.remove_suffix(1);
+  constexpr std::string_view kBindLeft = "?+{|";   // behind a star these need it
+  constexpr std::string_view kBindRight = "\\|(";  // and these in front of one
+  bool const isJapanese = pattern.find(kEnterJapanese) != pattern.npos;
+  while (!isJapanese && pattern.size() > 1 && pattern.front() == '*' && kBindLeft.find(pattern[1]) == kBindLeft.npos)
+    pattern.remove_prefix(1);
+  while (!isJapanese && pattern.size() > 1 && pattern.back() == '*' &&
+         kBindRight.find(pattern[pattern.size() - 2]) == kBindRight.npos)
+    pattern.remove_suffix(1);
   SString expression;
   while (!pattern.empty()) {
     std::string_view const piece = TakePiece(pattern);
-    bool const isJapanese = piece.starts_with(kEnterJapanese);
+    bool const isLiteral = piece.starts_with(kEnterJapanese);
     for (char const c : piece) {
-      if (isJapanese && kSpecial.find(c) != kSpecial.npos) expression += '\\';
-      if (!isJapanese && c == '*') expression += '.';
+      if (isLiteral && kSpecial.find(c) != kSpecial.npos) expression += '\\';
+      if (!isLiteral && c == '*') expression += '.';
       expression += c;
     }
   }

@@ -8,6 +8,9 @@
 
 namespace {
 
+// Each step may ask the name service and two directories; mail that takes more is not sent by anybody.
+constexpr int kMostPercentSteps = 8;
+
 // "user%host" at a domain of ours becomes "user@host". False when there is no "%".
 bool TakePercent(S821Address &address) {
   SString const local = address.LocalPart();
@@ -34,14 +37,17 @@ void SSMTPRouterModule::ProcessRequest(SRequest &request, int useDirectory, SStr
   Question const question{useDirectory != 0, primaryHost, secondaryHost, port, base};
   S821Address address(request.Get(kKeyAddress).Get(0));
   SString understood = "";
+  ClearReadFlags();
   if (address.Get().Length() >= kShortestAddress) {
     address.Domain() = GetHostAddrPart(address, 0);
-    while (!_AnswerAddress(question, address, request) && TakePercent(address)) continue;
+    for (int steps = 0; !_AnswerAddress(question, address, request) && TakePercent(address);)
+      if (++steps == kMostPercentSteps) break;
     understood = address.Get();
   }
   request.Delete(kKeyAddress);
   request[kKeyAddressDone].Push(understood);
-  (void)request.Answer();  // an asker who has gone needs no answer
+  if (SomeReadFailed()) request[kKeyError] = "AccountReadFail";  // not "unknown": it may be there
+  (void)request.Answer();                                        // an asker who has gone needs no answer
 }
 
 // True when this was the last word on the address, false when its "%" form is worth a try. A domain literal becomes the

@@ -23,19 +23,8 @@ SStringList SplitLine(SString const &line) {
 // Whether "*" is the only byte of a pattern that does not stand for itself, so that no expression is needed.
 bool IsPlain(std::string_view pattern) { return pattern.find_first_of("\\^$|()[]{}+?") == std::string_view::npos; }
 
-// The expression of a pattern: "(a|b).*.example" becomes "^(a|b)\..*\.example$".
-SString ExpressionOf(SString const &pattern) {
-  SString expression = "^";
-  for (char const c : pattern.View()) {
-    if (c == '.')
-      expression += "\\.";
-    else if (c == '*')
-      expression += ".*";
-    else
-      expression += c;
-  }
-  return expression + "$";
-}
+// "(a|b).*.example" becomes "^(a|b)\..*\.example$".
+SString ExpressionOf(SString const &pattern) { return "^" + WildcardExpression(pattern) + "$"; }
 
 // Text that every host must end in, in lower case, for an expression to be worth a try; empty where that is not easily
 // told. Behind an alternative the end may belong to it alone.
@@ -223,11 +212,13 @@ void SSMTPRouterModule::LoadSMTPRewriteTable(Sdbfile &db) {
   _routes.reset();
   _fastRoutes.reset();
   _fastRoutesTried = false;
+  _fastRoutesWritten = true;
   if (_fastRoutePath.Length() > 0 && !compiles) return;
   if (!db.Open("/", 0)) return;
   _routes = CompiledFrom<SRouteTable>(db.GetLong("RoutingTable"));
   if (_fastRoutePath.Length() == 0 || Sdbfile::ReadFailed()) return;  // no table of lines that could not be read
-  if (!WriteFastTable(_fastRoutePath, _routes->Targets()))
+  _fastRoutesWritten = WriteFastTable(_fastRoutePath, _routes->Targets());
+  if (!_fastRoutesWritten)
     LogRouterLine(_logName, "Routing table not written to " + _fastRoutePath + ": " + GetErrorString(-1));
 }
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <iterator>
 
+#include "brenthaven/platform/dates.h"
 #include "brenthaven/router/pass.h"
 #include "brenthaven/spool/keys.h"
 #include "brenthaven/spool/returned.h"
@@ -45,13 +46,25 @@ void RecordSender(SControl &control) {
   if (sender.IsValid()) control[kKeyUserFrom] = kChannelPrefix + sender.Get();
 }
 
+// A program's message has no sender who would want it back, and programs that return mail to each other never end
+// (RFC 3834 section 2).
+bool IsAutomatic(SControl &control) {
+  SHeader header;
+  SString const word = control.ReadHeader(&header) ? header.Get(kHeaderAutoSubmitted).Get(0) : SString();
+  return word.Length() > 0 && LowerCase(word) != "no";
+}
+
 // Whether the message may go now: its sender is told, or nobody is to be.
 bool SendBack(SModule &module, SControl &control) {
+  if (IsAutomatic(control) && !IsReport(control)) return false;
   SReturnReasons reasons;
   reasons.lines = control.Get(kKeyErrorText);
   SStringList error;
   SReturned const returned = ReturnMessage(module, control, reasons, &error);
-  if (returned == SReturned::kSent) LogSideline(module.GetModuleName(), kSidelineReturned, control.GetFilename());
+  if (returned == SReturned::kSent) {
+    LogSideline(module.GetModuleName(), kSidelineReturned, control.GetFilename());
+    control[kKeyErrorReported] = RFC822Date();
+  }
   if (returned != SReturned::kFailed) return true;
   SMessageContent body;
   if (!control.ReadBody(body)) LogSideline(module.GetModuleName(), kSidelineBodyError, control.GetFilename());
@@ -68,6 +81,7 @@ unsigned int Hold(SModule &module, SControl &control, SString const &reason) {
 
 unsigned int CarryOut(SModule &module, SControl &control, SString const &action, SString const &reason) {
   RecordSender(control);
+  if (control.Get(kKeyErrorReported).Length() > 0) return DropMessage(module, control);
   if (action == kActionDelete) {
     LogSideline(module.GetModuleName(), kSidelineDeleted, control.GetFilename());
     return DropMessage(module, control);
@@ -83,7 +97,9 @@ unsigned int SSidelineJudge::Sideline(SModule &module, SSidelineAction const &ac
   SControl &control = module.GetControl();
   SControl const before = control;
   if (CarryOut(module, control, action.action, reason)) return 1;
+  SStringList const reported = control.Get(kKeyErrorReported);
   control = before;  // the frame lets the message wait as it came, and not as half a record
+  if (reported.Length() > 0) control[kKeyErrorReported] = reported;  // all that is left is to remove it
   return 0;
 }
 

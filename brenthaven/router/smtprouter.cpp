@@ -36,6 +36,7 @@ unsigned int SSMTPRouterModule::LoadEnv() {
   Sdbfile db(GetModuleName(), 0, kProductWord);
   if (!_LoadConfig(db) || !_LoadErrorActions(db)) return 0;
   LoadSMTPRewriteTable(db);
+  if (!_fastRoutesWritten) return 0;
   if (!_LoadRewriteDomains(db) || Sdbfile::ReadFailed()) return 0;  // half a routing table would misroute
   (void)_handler.LoadEnv();  // mail for other hosts is routed even where no mailbox can be served
   return 1;

@@ -41,7 +41,8 @@ public:
   // Answers in the request itself where mail for Address: would go: Account-To:, Channel-To: or neither, and the
   // address as understood under Address!, which is empty for none. With useDirectory the accounts are those that the
   // directory at the hosts, port and base given names for the addresses of LdapAuthDomains, and no others
-  // (directorylookup.h): aliases still count, catch-all accounts don't. Always answers.
+  // (directorylookup.h): aliases still count, catch-all accounts don't. Always answers. An Error: in the answer
+  // says that accounts or settings could not be read, so that an unknown address may be known.
   virtual void ProcessRequest(SRequest &request, int useDirectory, SString primaryHost, SString secondaryHost,
                               SString port, SString base);
 
@@ -184,6 +185,7 @@ private:
   SString _fastRoutePath;                // FastMRT; empty: none
   std::shared_ptr<Sdbfile> _fastRoutes;  // opened on first use; null when it can't be read
   bool _fastRoutesTried = false;
+  bool _fastRoutesWritten = true;              // unless a run that was to make the compiled table could not
   std::shared_ptr<SRouteTable const> _routes;  // null until loaded
   SNamedStringList _rewriteDomains;
   SAccountHandlerModule _handler;  // works in this module's passes

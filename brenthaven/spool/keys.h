@@ -92,6 +92,7 @@ inline constexpr char const kHeaderSubject[] = "Subject:";
 inline constexpr char const kHeaderDate[] = "Date:";
 inline constexpr char const kHeaderMessageId[] = "Message-ID:";
 inline constexpr char const kHeaderPrecedence[] = "Precedence:";
+inline constexpr char const kHeaderAutoSubmitted[] = "Auto-Submitted:";  // RFC 3834
 inline constexpr char const kHeaderMimeVersion[] = "MIME-Version:";
 inline constexpr char const kHeaderContentType[] = "Content-Type:";
 inline constexpr char const kHeaderContentTransferEncoding[] = "Content-Transfer-Encoding:";

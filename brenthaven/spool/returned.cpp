@@ -29,6 +29,7 @@ constexpr char kPleaseReply[] = "Please reply to ";
 constexpr char kIfInError[] = "if you feel this message to be in error.\r\n";
 constexpr long kDefaultMaxKbytes = 64;
 constexpr long kKilobyte = 1024;
+constexpr long kLeastHeader = 16 * kKilobyte;
 constexpr size_t kMostLineBytes = 998;        // RFC 5322 section 2.1.1
 constexpr size_t kMostDiagnosticBytes = 900;  // leaves room for the field's name
 
@@ -64,6 +65,14 @@ SString WithUniformLineEnds(std::string_view text) {
   return out;
 }
 
+// The header as far as it is attached: whole lines of it up to the limit, of which a few kilobytes always go.
+SString CutHeader(SString const &header, long limit) {
+  size_t const most = static_cast<size_t>(std::max(limit, kLeastHeader));
+  if (header.View().size() <= most) return header;
+  size_t const end = header.View().rfind("\r\n", most);
+  return SString(header.View().substr(0, end == std::string_view::npos ? most : end + 2));
+}
+
 // The narrowest encoding that is true of a text.
 SEncoding EncodingOf(std::string_view text) {
   SEncoding widest = k7Bit;
@@ -82,7 +91,7 @@ SEncoding EncodingOf(std::string_view text) {
 SString OnOneLine(SString const &text) {
   std::string line(text.View().substr(0, kMostDiagnosticBytes));
   std::replace_if(
-      line.begin(), line.end(), [](char c) { return c < ' ' || c == 0x7f; }, '?');
+      line.begin(), line.end(), [](unsigned char c) { return c < ' ' || c >= 0x7f; }, '?');
   return SString(std::string_view(line));
 }
 
@@ -172,7 +181,8 @@ bool Report::FindAddressee() {
   SString const list = _message.Get(kKeyErrorListUid).Get(0);
   if (list.Length() == 0) {
     S821Address const sender(_message.Get(kKeyUserFrom).Get(0));
-    _addressee = sender.IsValid() ? OnChannel(sender) : Addressee{kKeyAccountTo, kPostmasterUID, S822Address(postmaster).Get()};
+    _addressee =
+        sender.IsValid() ? OnChannel(sender) : Addressee{kKeyAccountTo, kPostmasterUID, S822Address(postmaster).Get()};
     return true;
   }
   SAccountDB::ClearReadFailed();
@@ -201,6 +211,7 @@ bool Report::ReadAttachment() {
       return true;
     }
   }
+  _attachment.text = CutHeader(_attachment.text, AttachmentLimit());
   _attachment.mainType = "text";
   _attachment.subtype = "rfc822-headers";
   return true;
@@ -253,7 +264,7 @@ void Report::_FillHeader(SMIME const &body) {
       body.MainType() + "/" + body.Subtype() + ";\r\n\t\tBoundary=\"" + body.Boundary() + "\"";
   // A multipart is labelled with the widest of its parts' encodings, which the attachment has, RFC 2045 section 6.4.
   _header[kHeaderContentTransferEncoding] = body.PartEncodings().Get(-1);
-  if (_IsDeliveryReport()) _header["Auto-Submitted:"] = "auto-replied";  // RFC 3834 section 5
+  _header[kHeaderAutoSubmitted] = "auto-replied";  // RFC 3834 section 5
 }
 
 void Report::_FillControl() {

@@ -60,8 +60,8 @@ SReturned ReturnMessage(SModule &module, SControl &message, SReturnReasons const
 // Whether a message is a report of ours: it says so, or the error handler made it and another module has had it since.
 bool IsReport(SControl const &control);
 
-// Whether a message was at a place (one of the above, or "Error-Handler") and some module has had it after that: a person
-// or the error handler let it go on, and it failed again.
+// Whether a message was at a place (one of the above, or "Error-Handler") and some module has had it after that: a
+// person or the error handler let it go on, and it failed again.
 bool CameBack(SControl const &control, char const *place);
 
 // Commits the pass, then removes control, header and body. 1 when the control is gone; a file that stayed is told on

@@ -260,6 +260,15 @@ void SJournal::Finish() {
   _written = SDescriptor();
 }
 
+unsigned SJournal::Retire() {
+  SDescriptor const file = _Open(O_RDWR);
+  if (!file.IsOpen()) return errno == ENOENT;
+  Header header;
+  if (!header.Read(file.Get())) return errno == 0;
+  header.state = kDone;
+  return header.Write(file.Get()) && SyncFileData(file.Get());
+}
+
 unsigned SJournal::Replay(std::array<SString, kTrees> const &paths) {
   SDescriptor const journal = _Open(O_RDWR);
   if (!journal.IsOpen()) return errno == ENOENT;

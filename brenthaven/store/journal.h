@@ -49,6 +49,8 @@ public:
   unsigned Write(std::array<SBTree const *, kTrees> const &trees);
   // The trees have the pages. Best effort: what is not marked is done again.
   void Finish();
+  // The trees are about to change past the journal: what it says is over, also after a power cut. 1 on success.
+  unsigned Retire();
   // Brings the pages of a pending journal into the trees, of which the caller has the paths and holds exclusive locks,
   // and marks it as done. A file that is missing is made. 1 on success and when nothing was pending; 0 with errno,
   // EUCLEAN for a tree that somebody else has written to, and then the trees stay as they are.

@@ -93,7 +93,7 @@ SSalvage SalvageRecords(SString const &path,
                         std::function<void(SString const &key, SString const &value)> const &take) {
   Pages pages(path);
   if (!pages.isOpen) return {};
-  SSalvage result{true, pages.isWhole};
+  SSalvage result{true, false, pages.isWhole};
   std::unordered_set<std::uint32_t> const free = pages.Free();
   std::vector<unsigned char> page;
   std::string key, value;
@@ -103,6 +103,7 @@ SSalvage SalvageRecords(SString const &path,
       result.isWhole = false;
       continue;
     }
+    result.isKnown = true;
     if ((Number(page.data() + 12) & kTypes) != kLeaf) continue;
     for (size_t at = kHeaderSize; at < Offset(page.data() + 16); at += 2) {
       unsigned char const *entry = page.data() + Offset(page.data() + at);

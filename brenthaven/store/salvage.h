@@ -5,7 +5,8 @@
 #include "brenthaven/text/sstring.h"
 
 struct SSalvage {
-  bool isRead = false;   // the file could be read to its end
+  bool isRead = false;   // the file could be read
+  bool isKnown = false;  // it has some page of a B-tree in the byte order of this host
   bool isWhole = false;  // and no page, and no long key or value, was found damaged
 };
 

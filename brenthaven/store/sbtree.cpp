@@ -192,7 +192,8 @@ bool SBTree::_Reserve() {
 
 unsigned SBTree::Apply() {
   if (_handle == nullptr || !_changed) return 1;
-  if (_WriteStaged() && _MoveTimes() && SyncFile(_descriptor) && _staged.Clear()) {
+  // The times move first as well: readers look for a dead writer's journal only when they have moved.
+  if (_MoveTimes() && _WriteStaged() && _MoveTimes() && SyncFile(_descriptor) && _staged.Clear()) {
     _changed = false;
     return 1;
   }

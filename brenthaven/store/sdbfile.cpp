@@ -12,11 +12,11 @@ namespace {
 constexpr char const *kStoreRoot = "SOFTWARE\\Tarnwick\\";
 constexpr char const *kStoredProduct = "Brent.Haven";
 constexpr int kMaxNameLength = 256;
-constexpr DWORD kFirstBuffer = 2000;         // most values fit
-constexpr DWORD kLargestValue = 1024000;     // of Get
-constexpr DWORD kLargestLongValue = 1 << 28; // of GetLong
-constexpr DWORD kListBuffer = 2000;        // for a name in an enumeration, with its NUL
-constexpr int kCreate = 1;                 // bit 0 of the flags of Open
+constexpr DWORD kFirstBuffer = 2000;          // most values fit
+constexpr DWORD kLargestValue = 1024000;      // of Get
+constexpr DWORD kLargestLongValue = 1 << 28;  // of GetLong
+constexpr DWORD kListBuffer = 2000;           // for a name in an enumeration, with its NUL
+constexpr int kCreate = 1;                    // bit 0 of the flags of Open
 
 REGSAM AccessFor(int flags) { return (flags & kCreate) != 0 ? KEY_ALL_ACCESS : KEY_READ; }
 

@@ -196,9 +196,15 @@ void SObjectDB::UnlockWrite() {
   _DropInherited();
   if (_writers == 0 || --_writers > 0) return;
   if (std::exchange(_isRefused, false)) return;
-  if (!_Commit()) _commitFailed = 1;
+  (void)_Commit();  // told by WriteFailed
   _index.UnlockWrite();
   _attributes.UnlockWrite();
+}
+
+unsigned SObjectDB::Commit() {
+  _DropInherited();
+  if (_writers != 1) return 1;
+  return !_isRefused && _Commit();
 }
 
 // Brings the changes of both trees into their files, all of them or, after a 0, none; where the last step fails they
@@ -208,11 +214,17 @@ unsigned SObjectDB::_Commit() {
   bool const isDecided =
       _attributes.Stage() && _index.Stage() && (!_journaled || _journal.Write({&_attributes, &_index}));
   if (!isDecided) {
+    Complain("Couldn't write the changes of ", _attributes.Name());
     _index.Discard();
     _attributes.Discard();
+    _commitFailed = 1;
     return 0;
   }
-  bool const isApplied = _index.Apply() && _attributes.Apply();
+  bool const isApplied = (_journaled || _journal.Retire()) && _index.Apply() && _attributes.Apply();
+  if (!isApplied) {
+    Complain("Couldn't write all changes of ", _attributes.Name());
+    _commitFailed = 1;
+  }
   if (isApplied && _journaled) _journal.Finish();
   return isApplied;
 }
@@ -421,7 +433,11 @@ int SObjectDB::CountValues(int attribute) {
 
 unsigned SObjectDB::Backup(SString const &attributeSuffix, SString const &indexSuffix) {
   LockWrite();
-  if (!_Commit()) _commitFailed = 1;
+  if (_isRefused || !_Commit()) {  // what stands in the files now is worse than the copies that there are
+    Complain("Couldn't back up ", _attributes.Name());
+    UnlockWrite();
+    return 1;
+  }
   CopyTree(_attributes, attributeSuffix.Length() > 0 ? attributeSuffix : SString(kBackupSuffix));
   CopyTree(_index, indexSuffix.Length() > 0 ? indexSuffix : SString(kBackupSuffix));
   UnlockWrite();

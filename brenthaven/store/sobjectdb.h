@@ -51,6 +51,9 @@ public:
   void UnlockRead();
   void LockWrite();    // attribute tree first, then index tree
   void UnlockWrite();  // index tree first, attribute tree last: readers wait on the latter
+  // In the outermost write section: what was changed so far goes to the files now, all of it or, with 0, nothing, and
+  // the section goes on. In an inner one 1, with nothing done.
+  unsigned Commit();
   // Without the journal a section's end costs one flush less, and a crash during it may leave both trees in pieces.
   void SetJournaled(bool journaled) { _journaled = journaled; }
 

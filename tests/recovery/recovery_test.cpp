@@ -118,6 +118,25 @@ TEST_F(RecoveryTest, OnlyOldMessageFilesWithoutAControlAreOrphans) {
   EXPECT_EQ(Recover().orphans, 0) << log;
 }
 
+TEST_F(RecoveryTest, WhatCannotBeReadNowIsLeftWhereItIs) {
+  for (char const *call : {"opendir", "readdir", "lstat", "open", "pread"})
+    for (int number = 1; number <= 12; ++number) {
+      PutControl("control/whole-Control", "SMTP-Router");
+      PutMessage("whole");
+      PutControl("deferred/SMTP-Deliver/host/waits-Control", "SMTP-Deliver");
+      PutMessage("waits");
+      {
+        SCallHook hook(call, number, EIO);
+        SRecoveryScope scope;
+        scope.requeue = false;
+        (void)RecoverSpool(scope);
+      }
+      EXPECT_TRUE(Exists("control/whole-Control")) << call << number;
+      for (char const *file : {"whole-Header", "whole-Body", "waits-Header", "waits-Body"})
+        EXPECT_TRUE(Exists(std::string("messages/") + file)) << call << number << file;
+    }
+}
+
 TEST_F(RecoveryTest, AHostDirectoryThatWasMovedIntoControlIsEmptiedIntoTheQueues) {
   PutControl("control/example.org/a-Control", "SMTP-Deliver");
   PutFile("control/example.org/b-Control", "");
@@ -160,7 +179,7 @@ TEST_F(RecoveryTest, ItMayEndAnywhereAndIsDoneAgain) {
     });
     ended = child.Result();
     (void)Recover();
-    ASSERT_TRUE(Exists("deferred/SMTP-Router/whole-Control")) << "call " << number;
+    ASSERT_TRUE(Exists("deferred/SMTP-Router/whole-Control")) << "call " << number << "\n" << log;
     ASSERT_EQ(FileBytes("messages/whole-Body"), "whole\r\n");
     ASSERT_TRUE(Exists("control/half-Control") || Exists("deferred/Error-Handler/half-Control")) << "call " << number;
     ASSERT_TRUE(Exists("lost/empty-Control")) << "call " << number;
@@ -235,6 +254,53 @@ TEST_F(RepairTest, AnAttributeFileWithATornPageKeepsAllOtherRecords) {
   SAccountBase::ClearReadFailed();
   EXPECT_GT(Readable(), kAccounts / 2);
   EXPECT_EQ(SAccountBase::ReadFailed(), 0u);
+}
+
+TEST_F(RepairTest, AChangeThatWasDecidedIsPartOfTheRepairedFiles) {
+  MakeAccounts();
+  Peer child([](Peer &) {
+    SCallHook hook("pwrite", 4, SCallHook::kCrash);  // behind the journal, among the pages
+    SAccountDBMod db;
+    SAccountMod account;
+    for (int i = 0; i < kAccounts; ++i)
+      if (db.ModifyAccount("user" + MakeSString(i), &account)) account.Set("Finger-Info", {"new"});
+    return 0;
+  });
+  ASSERT_EQ(child.Result(), SCallHook::kCrashCode);
+  SAccountRepair const repair = RepairAccountFiles();
+  EXPECT_TRUE(repair.done);
+  EXPECT_FALSE(repair.salvaged);
+  SAccount account;
+  ASSERT_NE(SAccountDB().GetAccountInfo("user7", &account), 0);
+  EXPECT_EQ(account.Get("Finger-Info").Get(0), "new");
+  EXPECT_EQ(Readable(), kAccounts);
+}
+
+TEST_F(RepairTest, TheDamagedFilesOfAnEarlierRepairStay) {
+  MakeAccounts();
+  PutFile("config/BTAccounts.a.damaged", "the first");
+  ASSERT_TRUE(RepairAccountFiles().done);
+  EXPECT_EQ(FileBytes("config/BTAccounts.a.damaged"), "the first");
+  EXPECT_TRUE(Exists("config/BTAccounts.a.damaged.1"));
+  PutFile("config/BTAccounts.a", std::string(3 * 16384, 'x'));
+  EXPECT_FALSE(RepairAccountFiles().done) << "nothing is put in the place of a file that nothing can be read from";
+}
+
+TEST_F(RepairTest, ACommitThatFailsIsToldAndChangesNothing) {
+  MakeAccounts();
+  setenv("SpoolSync", "fsync", 1);
+  SAccountDBMod db;
+  SAccountMod account;
+  ASSERT_NE(db.ModifyAccount("user7", &account), 0);
+  ASSERT_NE(account.Set("Finger-Info", {"new"}), 0);
+  {
+    SCallHook hook("fdatasync", 1, EIO);
+    EXPECT_EQ(db.Commit(), 0u);
+  }
+  EXPECT_NE(SAccountBase::WriteFailed(), 0u);
+  EXPECT_EQ(account.Get("Finger-Info").Length(), 0);
+  ASSERT_NE(account.Set("Finger-Info", {"again"}), 0);
+  EXPECT_EQ(db.Commit(), 1u);
 }
 
 TEST_F(RepairTest, DeletedAccountsStayDeleted) {

@@ -78,7 +78,8 @@ TEST_F(ReturnedTest, MessageGoesBackAsTwoParts) {
             "To: ann@far.example\r\nFrom: Mail Administrator<Postmaster@example.org>\r\n"
             "Reply-To: Mail Administrator<Postmaster@mail.example.org>\r\n"
             "Subject: Mail System Error - Returned Mail\r\nDate: DATE\r\nMessage-ID: <NAME>\r\nMIME-Version: 1.0\r\n"
-            "Content-Type: multipart/mixed;\r\n\t\tBoundary=\"BOUNDARY\"\r\nContent-Transfer-Encoding: 7bit\r\n");
+            "Content-Type: multipart/mixed;\r\n\t\tBoundary=\"BOUNDARY\"\r\nContent-Transfer-Encoding: 7bit\r\n"
+            "Auto-Submitted: auto-replied\r\n");
   EXPECT_EQ(New("-Body"),
             "\r\n--BOUNDARY\r\nContent-Type: text/plain; charset=iso-2022-jp\r\nContent-Transfer-Encoding: 7bit\r\n\r\n"
             "This Message was undeliverable due to the following reason:\r\n\r\n"
