@@ -256,13 +256,17 @@ void Recovery::CollectNames(std::string const &directory, int depth, std::unorde
   }
 }
 
+// Without a time everything counts, whatever the clocks of the file system say.
 bool Recovery::IsQuiet(Entry const &entry, long atLeast) const {
+  long const quiet = std::max(_scope.quietSeconds, atLeast);
   // A rename moves the change time, so that what was only just put there counts as young.
-  return _now - std::max(entry.info.st_mtime, entry.info.st_ctime) >= std::max(_scope.quietSeconds, atLeast);
+  return quiet <= 0 || _now - std::max(entry.info.st_mtime, entry.info.st_ctime) >= quiet;
 }
 
 // For a file that nobody renames but its writer.
-bool Recovery::IsUnwritten(Entry const &entry) const { return _now - entry.info.st_mtime >= _scope.quietSeconds; }
+bool Recovery::IsUnwritten(Entry const &entry) const {
+  return _scope.quietSeconds <= 0 || _now - entry.info.st_mtime >= _scope.quietSeconds;
+}
 
 bool Recovery::Remove(Entry const &entry) {
   if (sys::Unlink(entry.path.c_str()) != 0) {
