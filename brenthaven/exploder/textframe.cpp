@@ -84,7 +84,7 @@ SString Flowed(SString const &lines) {
     if (line != "-- ")
       while (line.ends_with(' ')) line.remove_suffix(1);
     bool const isStuffed = line.starts_with(' ') || line.starts_with('>') || line.starts_with("From ");
-    return (isStuffed ? " " : "") + std::string(line);
+    return std::string(isStuffed ? 1 : 0, ' ').append(line);
   });
 }
 
