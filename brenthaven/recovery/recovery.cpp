@@ -304,7 +304,8 @@ bool Recovery::Rename(std::string const &from, std::string const &directory, std
     return false;
   }
   for (int tries = 0; tries < kNameTries; ++tries) {
-    std::string const target = directory + "/" + name + (tries == 0 ? "" : "." + std::to_string(tries));
+    std::string target = directory + "/" + name;
+    if (tries > 0) target.append(".").append(std::to_string(tries));
     struct stat info;
     if (sys::Lstat(target.c_str(), &info) == 0) continue;
     if (sys::Rename(from.c_str(), target.c_str()) == 0) return true;
