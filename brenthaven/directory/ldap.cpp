@@ -243,8 +243,9 @@ SLdapResult SLdap::Open(SString const &url, SLdapTransport transport) {
 bool SLdap::_TrustAuthorities() {
   char const *const path =
       _options.authorities.Length() > 0 ? static_cast<char const *>(_options.authorities) : AuthoritiesOfSystem();
-  if (_connection->SetUpTls(path)) return true;
-  _errorText = SString("the certificates of the authorities cannot be read: ") + path;
+  if (path != nullptr && _connection->SetUpTls(path)) return true;
+  _errorText = SString("the certificates of the authorities cannot be read: ") +
+               (path != nullptr ? path : "the system has none where they are looked for");
   _connection.reset();
   return false;
 }
