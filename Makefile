@@ -3,8 +3,9 @@
 
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
+SECONDS ?= 30
 
-.PHONY: run test build install asan bench check format clean
+.PHONY: run test build install asan fuzz bench check format clean
 
 run: build
 	scripts/run.sh $(if $(ONCE),--once)
@@ -25,6 +26,13 @@ asan:
 	cmake --preset asan
 	cmake --build build/asan -j $(JOBS)
 	ctest --test-dir build/asan --output-on-failure -j $(JOBS)
+
+# Each fuzz target for SECONDS, or those in TARGETS. With FUZZ_OPTIONS=--adopt the tests' corpus grows.
+fuzz:
+	scripts/packages.sh test fuzz
+	cmake --preset fuzz
+	cmake --build build/fuzz -j $(JOBS) --target fuzz
+	JOBS=$(JOBS) scripts/fuzz.sh $(FUZZ_OPTIONS) $(SECONDS) $(TARGETS)
 
 bench:
 	scripts/packages.sh test

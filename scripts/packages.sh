@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that a step needs and that are not there: packages.sh build|test|check
+# Installs the Debian packages that a step needs and that are not there: packages.sh build|test|fuzz|check
 set -euo pipefail
 
 build=(g++ cmake ninja-build make pkg-config libdb1-compat libsqlite3-dev libcrypto++-dev libmd-dev
        libldap-dev libsasl2-dev libpam0g-dev libsystemd-dev libcrypt-dev libcli11-dev nlohmann-json3-dev)
 test=(libgtest-dev libgmock-dev libbenchmark-dev slapd ldap-utils libsasl2-modules openssl dbus)
+fuzz=(clang libclang-rt-14-dev)
 check=(clang-format clang-tidy)
 
 wanted=("${build[@]}")
@@ -12,6 +13,7 @@ for step in "$@"; do
   case $step in
     build) ;;
     test) wanted+=("${test[@]}") ;;
+    fuzz) wanted+=("${fuzz[@]}") ;;
     check) wanted+=("${check[@]}") ;;
     *) echo "packages.sh: no such step: $step" >&2; exit 64 ;;
   esac

@@ -71,13 +71,19 @@ struct Record {
     return true;
   }
 
-  // Whether what stands in the tree comes from before the section or from the section, sector by sector.
+  // Whether what stands in the tree, which was `size` bytes long, comes from before the section or from the section,
+  // sector by sector. Behind the old end there was nothing, which reads as zeros once the tree is longer.
   bool IsOurs(int file, off_t size) const {
-    if (Place() >= size) return true;
+    bool const isNew = Place() >= size;
     std::vector<char> found(page.size());
-    if (sys::Pread(file, found.data(), found.size(), Place()) != static_cast<ssize_t>(found.size())) return false;
+    ssize_t const got = sys::Pread(file, found.data(), found.size(), Place());
+    if (got < 0 || (!isNew && static_cast<size_t>(got) != found.size())) return false;
+    auto const isFromBefore = [&](size_t i) {
+      std::string_view const sector = Sector(found, i);
+      return isNew ? sector.find_first_not_of('\0') == sector.npos : ChecksumOf(sector) == before[i];
+    };
     for (size_t i = 0; i < before.size(); ++i)
-      if (Sector(found, i) != Sector(page, i) && ChecksumOf(Sector(found, i)) != before[i]) return false;
+      if (Sector(found, i) != Sector(page, i) && !isFromBefore(i)) return false;
     return true;
   }
 };

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/store/db185.h"
@@ -40,15 +41,93 @@ Convert engineAfterRead = nullptr;
 Convert engineBeforeWrite = nullptr;
 
 std::vector<SPageShadow *> &Shadows() {
-  static std::vector<SPageShadow *> shadows;  // attached ones: at most two where accounts are written
+  // Attached ones: at most two where accounts are written. Never destroyed: see Watched.
+  static auto &shadows = *new std::vector<SPageShadow *>;
   return shadows;
 }
 
 PageCache *CacheOf(void *engine) { return *static_cast<PageCache **>(engine); }
 
+// What the pages of a file, as they come from it, say of each other. Each page below the root is the child of one page,
+// so that no way down goes in a circle; it is no overflow page, and not empty; and what stands beside a leaf is one.
+class Links {
+public:
+  void Reset() { _pages.clear(); }
+
+  // False when a page, sound by itself, and those before it can't be of one tree of so many pages.
+  bool Take(unsigned char const *page, std::uint32_t number, std::uint32_t filePages) {
+    std::uint32_t const type = Number(page + 12) & kTypes;
+    size_t const tableEnd = Offset(page + 16);
+    std::uint32_t const neighbours[] = {Number(page + 4), Number(page + 8)};
+    if (number >= filePages) return false;
+    if (_pages.size() < filePages) _pages.resize(filePages);
+    _pages[number].isSeen = true;
+    _pages[number].type = type;
+    _pages[number].isEmpty = type == kLeaf && tableEnd == kHeaderSize && number != kRootPage;
+    if (!_Fits(number)) return false;
+    for (std::uint32_t const neighbour : neighbours) {
+      if (neighbour == kNoPage) continue;
+      if (neighbour >= filePages) return false;
+      if (type != kLeaf || _pages[number].isEmpty) continue;
+      _pages[neighbour].isBesideLeaf = true;
+      if (!_Fits(neighbour)) return false;
+    }
+    for (size_t at = kHeaderSize; type == kInternal && at < tableEnd; at += 2) {
+      std::uint32_t const child = Number(page + Offset(page + at) + 4);
+      if (child == kRootPage || child >= filePages) return false;
+      std::uint32_t &parent = _pages[child].parent;
+      if (parent != kNoPage && parent != number) return false;
+      parent = number;
+      if (!_Fits(child)) return false;
+    }
+    return true;
+  }
+
+private:
+  static constexpr std::uint32_t kRootPage = 1;
+
+  struct Known {
+    std::uint32_t parent = kNoPage;
+    std::uint32_t type = 0;
+    bool isSeen = false;
+    bool isEmpty = false;
+    bool isBesideLeaf = false;
+  };
+
+  bool _Fits(std::uint32_t number) const {
+    Known const &page = _pages[number];
+    if (!page.isSeen) return true;
+    bool const isInTree = page.parent != kNoPage || page.isBesideLeaf;
+    if (isInTree && (page.type == kOverflow || page.isEmpty)) return false;
+    return !page.isBesideLeaf || page.type == kLeaf;
+  }
+
+  std::vector<Known> _pages;
+};
+
+std::map<void *, Links> &Watched() {
+  // By the internal data of the engine. Never destroyed: a tree that is closed at the end of the process needs it
+  // still.
+  static auto *const watched = new std::map<void *, Links>();
+  return *watched;
+}
+
 // A reference to overflow pages, standing in place of a long key or value.
 bool IsSoundReference(unsigned char const *at, std::uint32_t size) {
   return size == kLongItem && Number(at) != kNoPage && Number(at + 4) <= kLargest;
+}
+
+// Whether a file of this size has room for the long keys and values of a page that is sound by itself.
+bool HasRoomForReferences(unsigned char const *page, std::uint64_t fileSize) {
+  std::uint32_t const type = Number(page + 12) & kTypes;
+  if (type == kOverflow) return true;
+  for (size_t at = kHeaderSize; at < Offset(page + 16); at += 2) {
+    unsigned char const *entry = page + Offset(page + at);
+    unsigned char const *bytes = entry + kEntryHeader;
+    if ((entry[8] & kLongKey) != 0 && Number(bytes + 4) > fileSize) return false;
+    if (type == kLeaf && (entry[8] & kLongValue) != 0 && Number(bytes + Number(entry) + 4) > fileSize) return false;
+  }
+  return true;
 }
 
 // An entry of a leaf: key size, value size, flags, key, value.
@@ -70,9 +149,17 @@ bool IsSoundInternalEntry(unsigned char const *entry, size_t room, std::uint32_t
   return (entry[8] & kLongKey) == 0 || IsSoundReference(entry + kEntryHeader, key);
 }
 
+// Bytes of an entry with those that fill it up to a multiple of 4.
+size_t EntrySize(unsigned char const *entry, std::uint32_t type) {
+  size_t const value = type == kLeaf ? Number(entry + 4) : 0;
+  return (kEntryHeader + Number(entry) + value + 3) / 4 * 4;
+}
+
+// A walk looks at the first entry of a leaf even where there is none: that one is an empty key with an empty value.
 void MakeEmptyLeaf(unsigned char *page, size_t size, std::uint32_t number) {
   std::uint32_t const head[] = {number, kNoPage, kNoPage, kLeaf};
-  std::uint16_t const bounds[] = {kHeaderSize, static_cast<std::uint16_t>(size)};
+  std::uint16_t const bounds[] = {kHeaderSize, static_cast<std::uint16_t>(size),
+                                  static_cast<std::uint16_t>(size - 2 * kEntryHeader)};
   std::memset(page, 0, size);
   std::memcpy(page, head, sizeof head);
   std::memcpy(page + sizeof head, bounds, sizeof bounds);
@@ -92,13 +179,18 @@ struct SPageHooks {
     size_t const size = CacheOf(engine)->pageSize;
     SPageShadow const *shadow = ShadowOf(engine);
     // The engine has read from the shadow, where nothing stands yet.
-    if (shadow != nullptr && !shadow->_Holds(number) && !ReadPage(shadow->_file, number, page, size))
-      std::memset(page, 0, size);
+    bool const isOurs = shadow != nullptr && shadow->_Holds(number);
+    if (shadow != nullptr && !isOurs && !ReadPage(shadow->_file, number, page, size)) std::memset(page, 0, size);
     engineAfterRead(engine, number, page);
     if (number == 0) return;  // metadata, looked at when the file was opened
-    if (IsSoundPage(static_cast<unsigned char *>(page), size, number)) return;
+    auto *bytes = static_cast<unsigned char *>(page);
+    std::uint32_t const filePages = CacheOf(engine)->filePages;
+    // What the engine wrote itself is of the tree as it is to be, and not as the file has it.
+    if (IsSoundPage(bytes, size, number) && (isOurs || (HasRoomForReferences(bytes, std::uint64_t{filePages} * size) &&
+                                                        Watched()[engine].Take(bytes, number, filePages))))
+      return;
     ++damagedPages;
-    MakeEmptyLeaf(static_cast<unsigned char *>(page), size, number);
+    MakeEmptyLeaf(bytes, size, number);
   }
 
   static void BeforeWrite(void *engine, std::uint32_t number, void *page) {
@@ -124,12 +216,23 @@ bool IsSoundPage(unsigned char const *page, size_t size, std::uint32_t number) {
   size_t const entries = Offset(page + 18);
   if (tableEnd < kHeaderSize || tableEnd % 2 != 0 || tableEnd > entries || entries > size) return false;
   if (type == kInternal && tableEnd == kHeaderSize) return false;  // leads nowhere
+  // The entries stand one behind another up to the end of the page: the engine moves them about by their sizes.
+  std::vector<bool> isStart(size);
+  size_t left = (tableEnd - kHeaderSize) / 2;
+  size_t place = entries;
+  for (; place < size; --left) {
+    if (left == 0 || place + kEntryHeader > size) return false;
+    unsigned char const *entry = page + place;
+    if (type == kLeaf ? !IsSoundLeafEntry(entry, size - place) : !IsSoundInternalEntry(entry, size - place, number))
+      return false;
+    isStart[place] = true;
+    place += EntrySize(entry, type);
+  }
+  if (place != size) return false;
   for (size_t at = kHeaderSize; at < tableEnd; at += 2) {
     size_t const offset = Offset(page + at);
-    if (offset < entries || offset + kEntryHeader > size) return false;
-    unsigned char const *entry = page + offset;
-    if (type == kLeaf ? !IsSoundLeafEntry(entry, size - offset) : !IsSoundInternalEntry(entry, size - offset, number))
-      return false;
+    if (offset >= size || !isStart[offset]) return false;
+    isStart[offset] = false;
   }
   return true;
 }
@@ -144,8 +247,11 @@ bool WatchPages(SBTreeEngine *engine) {
   engineBeforeWrite = cache->beforeWrite;
   cache->afterRead = SPageHooks::AfterRead;
   cache->beforeWrite = SPageHooks::BeforeWrite;
+  Watched()[internal].Reset();
   return true;
 }
+
+void UnwatchPages(SBTreeEngine const *engine) { Watched().erase(engine->internal); }
 
 unsigned long DamagedPages() { return damagedPages; }
 
@@ -196,6 +302,7 @@ bool SPageShadow::Read(std::uint32_t number, void *page) const {
 
 bool SPageShadow::Clear() {
   _held.clear();
+  Watched()[_engine].Reset();  // the file has another tree now
   return sys::Ftruncate(_memory.Get(), 0) == 0 && _Resize();
 }
 

@@ -3,8 +3,9 @@
 //
 // The engine trusts every offset in a page that it reads, so one torn page would end the process. The watch looks at
 // each page once, as it comes from the file: a page that is none is counted and becomes an empty leaf in memory, which
-// the engine can handle and finds nothing in. It sees pages that are torn, zeroed or overwritten; it does not see sound
-// pages that hang together wrongly.
+// the engine can handle and finds nothing in. It sees pages that are torn, zeroed or overwritten, and links that no
+// sound tree has: out of the file, to a page of another kind, or in a circle on the way down. Bytes of keys and values
+// may be wrong, and pages from two states of a file may fit, without its notice.
 //
 // The engine also writes pages whenever its cache is full, long before a change is complete. The shadow takes them in
 // the file's place, until the owner of the file says that they belong there.
@@ -22,6 +23,8 @@ struct SBTreeEngine;
 
 // Puts the watch on an open handle. False when the engine is laid out in another way.
 bool WatchPages(SBTreeEngine *engine);
+// Before the handle is closed.
+void UnwatchPages(SBTreeEngine const *engine);
 
 // Number of pages that the watch has turned down in this process: when it moves during a call, that call met damage.
 unsigned long DamagedPages();

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "brenthaven/platform/barrier.h"
+#include "brenthaven/platform/secretfile.h"
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/store/db185.h"
 #include "brenthaven/text/base.h"
@@ -19,10 +20,15 @@
 
 namespace {
 
+// Entries of at least this share of a page get pages of their own. With the engine's default, 2, a split can find no
+// place for entries of nearly half a page, and loses records or ends the process. What is in
+// the file reads alike with any number.
+constexpr int kEntriesPerPage = 3;
+
 constexpr SBTreeInfo kInfo = {.flags = 0,  // no duplicate keys
                               .cachesize = 2097152,
                               .maxkeypage = 0,
-                              .minkeypage = 0,
+                              .minkeypage = kEntriesPerPage,
                               .psize = 16384,
                               .compare = nullptr,
                               .prefix = nullptr,
@@ -32,6 +38,7 @@ constexpr mode_t kFileMode = 0660;
 constexpr int kExplicit = 1;     // value of the mode that makes the stored flags count
 constexpr int kOpenTries = 100;  // each one lost to a file that was replaced between two steps
 constexpr std::uint32_t kMagic = 0x053162;
+constexpr std::uint32_t kNoDuplicates = 0x20;
 
 std::int64_t Nanoseconds(struct timespec const &time) { return time.tv_sec * 1000000000LL + time.tv_nsec; }
 
@@ -58,18 +65,24 @@ int OpenDescriptor(char const *path, int flags) {
   return -1;
 }
 
-// Page size of a file, whichever byte order it has; that of a new file when it is empty or no B-tree file.
-std::uint32_t PageSizeOf(int descriptor) {
-  std::uint32_t head[3];  // magic, version, page size
-  bool const isRead = sys::Pread(descriptor, head, sizeof head, 0) == static_cast<ssize_t>(sizeof head);
-  if (isRead && head[0] == kMagic && head[2] != 0) return head[2];
-  if (isRead && head[0] == __builtin_bswap32(kMagic) && head[2] != 0) return __builtin_bswap32(head[2]);
-  return kInfo.psize;
+// What a file's metadata say, whichever byte order it has; what they would say of a new file when it is empty or no
+// B-tree file.
+struct Metadata {
+  std::uint32_t pageSize = kInfo.psize;
+  std::uint32_t flags = kNoDuplicates;
+};
+
+Metadata MetadataOf(int descriptor) {
+  std::uint32_t head[6];  // magic, version, page size, first free page, number of records, flags
+  if (sys::Pread(descriptor, head, sizeof head, 0) != static_cast<ssize_t>(sizeof head) || head[2] == 0) return {};
+  if (head[0] == kMagic) return {head[2], head[5]};
+  if (head[0] == __builtin_bswap32(kMagic)) return {__builtin_bswap32(head[2]), __builtin_bswap32(head[5])};
+  return {};
 }
 
 // The engine moves a longer key out of the page and then looks for its place by the reference it left behind, so that
 // the key is never found again.
-size_t LongestKey(std::uint32_t pageSize) { return pageSize / 2 - 32; }
+size_t LongestKey(std::uint32_t pageSize) { return pageSize / kEntriesPerPage - 32; }
 
 }  // namespace
 
@@ -130,16 +143,22 @@ int SBTree::_OpenLocked(char const *path, int flags) {
   _holdsLock = (flags & kLockFlag) != 0;
   if (sys::Lock(_descriptor, _writable && _holdsLock ? F_WRLCK : F_RDLCK, 0, 1, true) != 0) return errno;
   if (sys::Fstat(_descriptor, &ours) != 0) return errno;
+  if (_isSecret && !IsClosedToOthers(path, ours)) return errno;
   if (sys::Stat(path, &other) != 0) return errno == ENOENT && (flags & O_CREAT) != 0 ? EAGAIN : errno;
   if (!IsSameFile(ours, other)) return EAGAIN;
   if (_writable && (flags & O_TRUNC) != 0) {
     if (sys::Ftruncate(_descriptor, 0) != 0) return errno;
   }
-  std::uint32_t const pageSize = PageSizeOf(_descriptor);
+  auto const [pageSize, treeFlags] = MetadataOf(_descriptor);
+  if (treeFlags != kNoDuplicates) return EINVAL;  // the engine would go through it by other rules
+  // The engine takes a file without a whole page of metadata for a new one: all of it would seem absent.
+  constexpr off_t kFewestPages = 2;  // metadata and root
+  if (ours.st_size > 0 && (flags & O_TRUNC) == 0 && ours.st_size / pageSize < kFewestPages) return EINVAL;
   // A file that does not end with a whole page lost pages that others refer to: writing would give their numbers to new
   // ones.
   if (_writable && (flags & O_TRUNC) == 0 && ours.st_size % pageSize != 0) return EINVAL;
   _longestKey = LongestKey(pageSize);
+  _place.Undef();
 
   errno = 0;
   _handle = dbopen(path, flags & O_ACCMODE, kEngineMode, kBTreeType, &kInfo);
@@ -225,6 +244,7 @@ bool SBTree::_MoveTimes() {
 
 // Closes an engine that has nothing to write, then the descriptor and with it the lock.
 void SBTree::_Release() {
+  UnwatchPages(_handle);
   if (_handle->close(_handle) != 0) _readFailed = 1;
   _handle = nullptr;
   _Drop();
@@ -236,7 +256,10 @@ void SBTree::_Release() {
 void SBTree::_Drop() {
   bool const isOurs = _forks == ForkCount();
   if (!isOurs) _staged.Abandon();
-  if (_handle != nullptr) (void)_handle->close(_handle);
+  if (_handle != nullptr) {
+    UnwatchPages(_handle);
+    (void)_handle->close(_handle);
+  }
   _staged.Detach();
   if (_descriptor >= 0) {
     // Not left to the close: a child process that was forked meanwhile may hold the descriptor and the lock with it.
@@ -262,7 +285,7 @@ template <class Call>
 int SBTree::_Run(Call call) {
   unsigned long const before = DamagedPages();
   int const result = call(_handle);
-  if (DamagedPages() != before) _damaged = true;
+  if (DamagedPages() != before || result < 0) _damaged = true;  // a call that failed may have stopped half-way
   if (result != 0 && _damaged) {
     errno = EIO;
     return -1;
@@ -312,10 +335,24 @@ SString SBTree::_Seq(SString &key, unsigned move) {
   }
   SBTreeItem found = ItemOf(key);
   SBTreeItem value;
-  _moveStatus = _Run([&](SBTreeEngine *engine) { return engine->seq(engine, &found, &value, move); });
-  if (_moveStatus < 0) _readFailed = 1;
+  // Through a handle that met a damaged page there is no walk: what came in its place is none of the tree's.
+  auto const step = [&](SBTreeEngine *engine) { return engine->seq(engine, &found, &value, move); };
+  _moveStatus = _damaged ? -1 : _Run(step);
+  if (_damaged) _moveStatus = -1;
+  SString const next = _moveStatus == 0 ? TextOf(found) : SString();
+  // Where leaves are chained wrongly, a walk would not end.
+  bool const goesBack =
+      _place.Defined() && ((move == kMoveNext && next <= _place) || (move == kMovePrevious && next >= _place));
+  if (_moveStatus == 0 && goesBack) {
+    _damaged = true;
+    _moveStatus = -1;
+  }
+  if (_moveStatus < 0) {
+    errno = EIO;
+    _readFailed = 1;
+  }
   if (_moveStatus != 0) return SString();
-  key = TextOf(found);
+  key = _place = next;
   return TextOf(value);
 }
 

@@ -43,6 +43,9 @@ public:
 
   static constexpr int kLockFlag = 0x20000000;  // hold the lock on byte 0 as long as the file is open
 
+  // For files with passwords: one that others than owner and group can read or write is not opened, with EPERM.
+  void SetSecret(bool isSecret) { _isSecret = isSecret; }
+
   // Sets the name and clears the status. An open file stays open under its old name until it is closed.
   void Init(SString const &file, int);
   void Init(SString const &file, int mode, int openFlags);
@@ -52,8 +55,9 @@ public:
 
   // Undefined when there is no such key; a key with an empty value gives a defined, empty string.
   SString Get(SString const &key);
-  // Both 0 outside a write section; Delete also for a key that is not there, and Set for a key of more than half a page
-  // less 32 bytes (8160 with pages of 16384), which the engine could not find again. Values may be of any length.
+  // Both 0 outside a write section; Delete also for a key that is not there, and Set for a key of more than a third of
+  // a page less 32 bytes (5429 with pages of 16384), which the engine could not find again. Values may be of any
+  // length.
   unsigned Set(SString const &key, SString const &value);
   unsigned Delete(SString const &key);
 
@@ -86,6 +90,9 @@ public:
   SPageShadow const &Staged() const { return _staged; }
   // Moves the staged pages to the file, durably. After a failure some are there and some are not.
   unsigned Apply();
+  // In a write section: readers see at their next LockRead that something happened to the file, as after a change. 1 on
+  // success.
+  unsigned Touch() { return _handle != nullptr && _writable && _MoveTimes(); }
   // Forgets all changes that are not in the file, and closes it. Its write section goes on, without the lock.
   void Discard() { _Drop(); }
   unsigned long Opens() const { return _opens; }  // how often the file was opened so far
@@ -142,7 +149,9 @@ private:
   unsigned long _opens = 0;
   unsigned long _forks = ForkCount();  // of the process that opened the file
   size_t _longestKey = 0;              // of the open file
+  SString _place;                      // the key that the last Seq call found
   Stamp _stamp;                        // of the file when it was opened
+  bool _isSecret = false;
   bool _writable = false;
   bool _holdsLock = false;  // from the open to the close
   bool _changed = false;    // there may be pages that the file does not have

@@ -125,8 +125,9 @@ void SObjectDB::_DropInherited() {
 }
 
 // The shared lock of the attribute tree orders readers of both trees against every writer. A journal that is pending
-// under it is that of a writer who died; only a tree that was just opened, maybe in the middle of the pages that it
-// left behind, has to be asked about, since what was open before has not changed.
+// under it is that of a writer who died, and is finished before anything is read: within a section it would be too
+// late, since it changes both trees. It need not be asked about while both trees are open and the attribute tree is as
+// it was when it was opened: writers touch that one before they change anything.
 void SObjectDB::LockRead() {
   _DropInherited();
   if (_readers++ > 0) return;
@@ -135,7 +136,8 @@ void SObjectDB::LockRead() {
     unsigned const hadFailed = _attributes.ReadFailed();
     unsigned long const opens = _attributes.Opens();
     _attributes.LockRead();
-    if (_writers > 0 || (_attributes.IsOpen() && _attributes.Opens() == opens) || !_journal.IsPending()) return;
+    bool const isUnchanged = _attributes.IsOpen() && _attributes.Opens() == opens && _index.IsOpen();
+    if (_writers > 0 || isUnchanged || !_journal.IsPending()) return;
     _attributes.UnlockRead();
     _attributes.Close();
     if (!_Replay()) break;
@@ -151,15 +153,7 @@ void SObjectDB::UnlockRead() {
 
 // Brings the index tree up to date for the section that holds the shared lock.
 void SObjectDB::_RefreshIndex() {
-  unsigned const hadFailed = _index.ReadFailed();
-  unsigned long const opens = _index.Opens();
   _index.Refresh();
-  (void)_index.Open();
-  if (_writers > 0 || (_index.IsOpen() && _index.Opens() == opens) || !_journal.IsPending()) return;
-  _index.Close();
-  _attributes.UnlockRead();
-  if (_Replay() && !hadFailed) _index.ClearReadFailed();
-  _attributes.LockRead();
   (void)_index.Open();
 }
 
@@ -220,7 +214,8 @@ unsigned SObjectDB::_Commit() {
     _commitFailed = 1;
     return 0;
   }
-  bool const isApplied = (_journaled || _journal.Retire()) && _index.Apply() && _attributes.Apply();
+  bool const isApplied =
+      (_journaled || _journal.Retire()) && _attributes.Touch() && _index.Apply() && _attributes.Apply();
   if (!isApplied) {
     Complain("Couldn't write all changes of ", _attributes.Name());
     _commitFailed = 1;

@@ -56,6 +56,11 @@ public:
   unsigned Commit();
   // Without the journal a section's end costs one flush less, and a crash during it may leave both trees in pieces.
   void SetJournaled(bool journaled) { _journaled = journaled; }
+  // Objects with passwords: files that others than owner and group can read or write count as unreadable.
+  void SetSecret(bool isSecret) {
+    _attributes.SetSecret(isSecret);
+    _index.SetSecret(isSecret);
+  }
 
   unsigned Create(SString const &name, int type);
   unsigned Delete(SString const &name);
