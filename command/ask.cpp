@@ -33,7 +33,7 @@ bool Ask(Command &command, AskOptions const &options, SRequest &request) {
     return false;
   }
   request[kKeyAddress] = SString(std::string_view(options.address));
-  if (request.Ask(kModuleSmtpRouter, options.timeout)) return true;
+  if (request.Ask(kModuleSmtpRouter, options.timeout) && request.IsAnswered()) return true;
   Fail(command, EX_TEMPFAIL, std::string(kModuleSmtpRouter) + " gave no answer; is its dispatcher at work?");
   return false;
 }

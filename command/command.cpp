@@ -35,6 +35,10 @@ bool EnterInstance(Command &command) {
     Fail(command, EX_NOINPUT, command.root + " holds no instance; make one with: brenthaven init");
     return false;
   }
+  if (!IsGuardedRoot(root)) {
+    Fail(command, EX_CONFIG, ToStd(UnguardedRootText(root)) + "; narrow its mode: chmod o-w");
+    return false;
+  }
   (void)LoadInstanceEnvironment(root);  // an instance without the file has its defaults
   (void)LoadDispatcherAddress(root);    // without a dispatcher all but the notification works
   return true;

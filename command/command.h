@@ -24,7 +24,7 @@ std::string OneLine(std::string text);
 void Fail(Command &command, int code, std::string const &text);
 
 // Takes over the instance under the root: its environment and the running dispatcher's address. False, after a Fail,
-// when there is no root or no instance in it.
+// when there is no root, no instance in it, or when others than its user and group can write in it.
 bool EnterInstance(Command &command);
 
 // Where the executables of the modules lie, seen from this program.

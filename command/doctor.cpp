@@ -14,6 +14,7 @@
 #include "brenthaven/accounts/special.h"
 #include "brenthaven/handler/fanout.h"
 #include "brenthaven/platform/files.h"
+#include "brenthaven/platform/registry.h"
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/router/archive.h"
 #include "brenthaven/router/filter.h"
@@ -98,8 +99,11 @@ void Doctor::_CheckTree() {
       _Found(path + " cannot be written by this user");
     _CheckMode(path, 0770);
   }
-  for (char const *name : {"config/registry.sqlite", "config/BTAccounts.a", "config/BTAccounts.i"})
+  for (char const *name : {"config/registry.sqlite", "config/BTAccounts.a", "config/BTAccounts.i",
+                           "config/BTAccounts.j", "config/environment"})
     _CheckMode(_root + "/" + name, 0660);
+  std::string fault;
+  if (RegCheckStore(fault) != ERROR_SUCCESS) _Found(_root + "/config/registry.sqlite: " + OneLine(fault));
   double const free = FreeDiskSpace(SString(_root));
   if (free >= 0 && free < 10 * 1024 * 1024) _Found("less than 10 MiB are free under " + _root);
 }

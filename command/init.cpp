@@ -175,6 +175,8 @@ void RunInit(Command &command, InitOptions options) {
       return Fail(command, EX_DATAERR, "not the name of a domain or host: " + *name);
   options.domain = ToStd(LowerCase(SString(options.domain)));
   options.host = ToStd(LowerCase(SString(options.host)));
+  if (!IsGuardedRoot(SString(command.root)))
+    return Fail(command, EX_CONFIG, ToStd(UnguardedRootText(SString(command.root))) + "; narrow its mode: chmod o-w");
   if (!MakeTree(command) || !WriteEnvironment(command, options)) return;
   (void)LoadInstanceEnvironment(SString(command.root));
   if (!WriteSettings(command, options)) return;

@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "brenthaven/accounts/account.h"
+#include "brenthaven/platform/environment.h"
 #include "command/command.h"
 
 namespace {
@@ -19,6 +20,7 @@ bool IsSendmailName(char const *program) {
 }
 
 int Run(int argc, char **argv) {
+  GuardProcess();
   if (argc > 0 && IsSendmailName(argv[0])) return SendmailMain(argc, argv);
 
   Command command;

@@ -67,8 +67,9 @@ void PrintLine(SpoolFile const &file, SControl const &control, bool readable) {
     return;
   }
   std::string const reason = ToStd(ReasonOf(control));
-  printf("%s -> %s%s\n", ToStd(control.Get(kKeyUserFrom).Get(0)).c_str(),
-         Joined(RecipientsOf(control), kShownRecipients).c_str(), reason.empty() ? "" : ("  (" + reason + ")").c_str());
+  printf("%s -> %s%s\n", OneLine(ToStd(control.Get(kKeyUserFrom).Get(0))).c_str(),
+         OneLine(Joined(RecipientsOf(control), kShownRecipients)).c_str(),
+         reason.empty() ? "" : OneLine("  (" + reason + ")").c_str());
 }
 
 Json Describe(SpoolFile const &file, SControl const &control, bool readable) {

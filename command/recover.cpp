@@ -21,7 +21,7 @@ void Recover(Command &command, Options const &options) {
   if (!EnterInstance(command)) return;
   // The dispatcher's own lock, so that none starts meanwhile.
   std::string const path = command.root + "/run/dispatcher.lock";
-  SDescriptor const lock(sys::Open(path.c_str(), O_RDWR | O_CREAT, 0660));
+  SDescriptor const lock(sys::Open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0660));
   if (!lock.IsOpen()) return Fail(command, EX_OSERR, "cannot open " + path + ": " + strerror(errno));
   if (sys::Lock(lock.Get(), F_WRLCK, 0, 1, false) != 0)
     return Fail(command, EX_TEMPFAIL, "a dispatcher runs; it does this by itself");

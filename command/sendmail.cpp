@@ -96,7 +96,7 @@ std::string Lines(SStringList const &recipients) {
   std::string text;
   for (SString const &recipient : recipients) {
     SString const address(recipient.View().substr(recipient.HasPrefix("SMTP ") ? 5 : 0));
-    text += "                                         " + ToStd(address) + "\n";
+    text += "                                         " + OneLine(ToStd(address)) + "\n";
   }
   return text;
 }
@@ -120,10 +120,10 @@ int ListQueue(Command &command) {
                                                                              : ' ';
     std::string sender = ToStd(control.Get(kKeyUserFrom).Get(0));
     if (sender.rfind("SMTP", 0) == 0) sender.erase(0, sender.find_first_not_of("SMTP "));
-    printf("%s%c %7ld %s %s\n", file.name.c_str(), mark, size > 0 ? size : 0, when, sender.c_str());
+    printf("%s%c %7ld %s %s\n", file.name.c_str(), mark, size > 0 ? size : 0, when, OneLine(sender).c_str());
     for (char const *key : {kKeyError, kKeyDeferReason})
       if (SString const reason = control.Get(key).Get(0); reason.Length() > 0)
-        printf("  (%s)\n", static_cast<char const *>(reason));
+        printf("  (%s)\n", OneLine(ToStd(reason)).c_str());
     for (char const *key : {kKeyChannelTo, kKeyAccountTo, kKeyDeliverTo})
       fputs(Lines(control.Get(key)).c_str(), stdout);
     puts("");

@@ -49,6 +49,34 @@ bool TakePath(std::string_view &text, std::string &path) {
   return false;
 }
 
+// The lines of a message as they come, a long one in pieces. Only CR LF ends a line (RFC 5321 section 2.3.8): what some
+// take a bare LF or CR for, others do not, and a message whose end can be read in two ways carries a second one past
+// whoever looks at the first.
+class MessageLines {
+public:
+  // Takes the next piece, which ends in LF or is cut off somewhere.
+  void Take(std::string_view piece) {
+    _startsLine = _endsLine;
+    _endsLine = piece.ends_with("\r\n") || (piece == "\n" && _last == '\r');
+    bool const followsLf = _last == '\n';
+    for (char const c : piece) {
+      _hasBare = _hasBare || (_last == '\r') != (c == '\n');
+      _last = c;
+    }
+    _looksLikeEnd = followsLf && _last == '\n' && Chomped(piece) == ".";
+  }
+  bool StartsLine() const { return _startsLine; }
+  bool EndsLine() const { return _endsLine; }
+  bool HasBare() const { return _hasBare; }  // so far
+  // A line of one dot, as one sees it who takes every LF for a line end.
+  bool LooksLikeEnd() const { return _looksLikeEnd; }
+  bool IsEnd() const { return _looksLikeEnd && _startsLine && _endsLine; }
+
+private:
+  bool _startsLine = true, _endsLine = true, _hasBare = false, _looksLikeEnd = false;
+  char _last = '\n';  // of the line before the message
+};
+
 class SmtpSession {
 public:
   SmtpSession(int input, int output) : _in(std::make_unique<InputReader>(input)), _output(output) {}
@@ -60,7 +88,8 @@ private:
   void _Mail(std::string_view rest);
   void _Rcpt(std::string_view rest);
   void _Data();
-  SAcceptResult _ReadMessage(bool &complete);
+  enum class Reading { kWhole, kCutOff, kBareLineEnd, kFalseEnd };
+  Reading _ReadMessage(SAcceptResult &result);
   void _Forget() { _acceptance.reset(), _recipients = 0; }
   void _Refuse(SAcceptResult result);
   void _Answer(std::string const &text) {
@@ -141,7 +170,10 @@ void SmtpSession::_Rcpt(std::string_view rest) {
   if (!TakePath(rest, path)) return _Error("501 5.1.3 no address in angle brackets");
   // Looked at first: what the acceptance itself refuses, it holds against the recipients that were taken.
   if (!IsMailAddress(SString(path))) return _Refuse(SAcceptResult::kBadAddress);
-  if (_recipients == SAcceptance::kMaxRecipients) return _Refuse(SAcceptResult::kTooManyRecipients);
+  // No error of the client's, who sends the message to these and then again to the others (RFC 5321
+  // section 4.5.3.1.10).
+  if (_recipients == SAcceptance::kMaxRecipients)
+    return _Send(std::string("452 4.5.3 ") + AcceptResultText(SAcceptResult::kTooManyRecipients));
   SAcceptResult const result = (*_acceptance)->AddRecipient(SString(path));
   if (result != SAcceptResult::kOk) return _Refuse(result);
   ++_recipients;
@@ -151,11 +183,15 @@ void SmtpSession::_Rcpt(std::string_view rest) {
 void SmtpSession::_Data() {
   if (_recipients == 0) return _Error("503 5.5.1 no recipient yet");
   _Answer("354 end with a line of one dot");
-  bool complete = false;
-  SAcceptResult result = _ReadMessage(complete);
-  if (!complete) {  // the client is gone: what it did not end was not sent
-    _over = true;
-    return _Forget();
+  SAcceptResult result = SAcceptResult::kOk;
+  Reading const reading = _ReadMessage(result);
+  if (reading != Reading::kWhole) {
+    _Forget();
+    // The client is gone, and what it did not end was not sent; or it may take for its next commands what we would take
+    // for the message.
+    _over = reading == Reading::kCutOff || reading == Reading::kFalseEnd;
+    if (reading != Reading::kCutOff) _Error("554 5.6.0 a line of the message does not end with CR LF");
+    return;
   }
   if (result == SAcceptResult::kOk) result = (*_acceptance)->Commit();
   std::string const name = ToStd((*_acceptance)->GetName());
@@ -164,23 +200,20 @@ void SmtpSession::_Data() {
   _Refuse(result);
 }
 
-// Reads to the line of one dot whatever happens, since the client sends it all. Dots that were put in front of lines
-// are taken off (RFC 5321 section 4.5.2).
-SAcceptResult SmtpSession::_ReadMessage(bool &complete) {
+// Reads to the line of one dot whatever happens, since the client sends it all; only what looks like that line and is
+// not ends the reading at once. Dots that were put in front of lines are taken off (RFC 5321 section 4.5.2).
+SmtpSession::Reading SmtpSession::_ReadMessage(SAcceptResult &result) {
   std::string header, line;
-  bool inHeader = true, lineStart = true;
-  SAcceptResult result = SAcceptResult::kOk;
-  while (_in->ReadLine(line, kLongestPiece)) {
+  MessageLines lines;
+  bool inHeader = true;
+  for (;;) {
+    if (!_in->ReadLine(line, kLongestPiece)) return Reading::kCutOff;
+    lines.Take(line);
+    if (lines.LooksLikeEnd()) break;
     std::string_view text = line;
-    if (lineStart && Chomped(text) == "." && text.back() == '\n') {
-      complete = true;
-      break;
-    }
-    if (lineStart && text.front() == '.') text.remove_prefix(1);
-    bool const startsLine = lineStart;
-    lineStart = line.back() == '\n';
-    if (result != SAcceptResult::kOk) continue;
-    if (inHeader && startsLine) {
+    if (lines.StartsLine() && text.front() == '.') text.remove_prefix(1);
+    if (result != SAcceptResult::kOk || lines.HasBare()) continue;
+    if (inHeader && lines.StartsLine()) {
       std::string_view const content = Chomped(text);
       bool const isField = !content.empty() && IsHeaderLine(content.data(), content.size(), header.empty());
       if (!isField) {
@@ -196,8 +229,10 @@ SAcceptResult SmtpSession::_ReadMessage(bool &complete) {
     else
       header += text;
   }
+  if (!lines.IsEnd()) return Reading::kFalseEnd;
+  if (lines.HasBare()) return Reading::kBareLineEnd;
   if (inHeader && result == SAcceptResult::kOk) result = (*_acceptance)->SetHeader(SString(header));
-  return result;
+  return Reading::kWhole;
 }
 
 void SmtpSession::_Refuse(SAcceptResult result) {
@@ -211,6 +246,9 @@ void SmtpSession::_Refuse(SAcceptResult result) {
       return _Error("452 4.5.3 " + text);
     case SAcceptResult::kBadAddress:
       return _Error("553 5.1.3 " + text);
+    case SAcceptResult::kHeaderTooLarge:
+    case SAcceptResult::kTooManyFields:
+      return _Error("552 5.3.4 " + text);
     default:
       return _Error("554 5.6.0 " + text);
   }

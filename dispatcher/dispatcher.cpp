@@ -24,6 +24,8 @@
 #include "brenthaven/spool/control.h"
 #include "brenthaven/spool/instance.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/spool/log.h"
+#include "brenthaven/spool/module.h"
 #include "brenthaven/text/base.h"
 #include "dispatcher/notification.h"
 
@@ -40,11 +42,25 @@ constexpr unsigned kMessagesPerProcess = 5000;  // a serving process is replaced
 constexpr seconds kIdleLife{5};                 // of a serving process without work
 constexpr seconds kSettleTime{5};               // a file in control/ that changed more recently may still be announced
 constexpr seconds kLongestDelay{3600};          // of a run that is tried again
+constexpr int kCrashLimit = 3;                  // crashes of its module until a message is taken out of the way
 constexpr long kStaleSeconds = 600;             // what has not changed for so long and belongs to no job is left over
 constexpr seconds kRecoveryInterval{300};       // between two looks for that in control/
 
 // Codes that end a module run; see "Return codes" in docs/operations.md.
 enum RunCode { kRunDone = 0, kNoSettings = 101, kWrongFunction = 102, kWrongType = 103, kUnreadable = 105 };
+
+// Signals by which a process ends through its own fault, and so through the message in hand.
+bool IsCrash(int signal) {
+  constexpr int kFaults[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP};
+  return std::find(std::begin(kFaults), std::end(kFaults), signal) != std::end(kFaults);
+}
+
+// Only the frame of a module: it writes error records.
+class ReportingModule : public SModule {
+public:
+  ReportingModule() : SModule("Dispatcher") {}
+  unsigned int ProcessMail() override { return 1; }
+};
 
 void CloseIfOpen(int &fd) {
   if (fd >= 0) (void)close(fd);  // a socket, signal or lock descriptor: nothing to lose
@@ -111,6 +127,11 @@ Dispatcher::~Dispatcher() {
 // ---- start and settings
 
 int Dispatcher::Start() {
+  GuardProcess();
+  if (!IsGuardedRoot(SString(_root))) {
+    fprintf(stderr, "Dispatcher: others can write in %s\n", _root.c_str());
+    return EX_CONFIG;
+  }
   int failure = _TakeLock();
   (void)LoadInstanceEnvironment(SString(_root));  // may name the port; an instance without the file has its defaults
   if (failure == 0) failure = _OpenSignals();
@@ -129,7 +150,7 @@ int Dispatcher::Start() {
 int Dispatcher::_TakeLock() {
   std::string const path = _root + "/run/dispatcher.lock";
   (void)sys::Mkdir((_root + "/run").c_str(), 0770);  // usually there; a real failure shows in the next line
-  _lock = sys::Open(path.c_str(), O_RDWR | O_CREAT, 0660);
+  _lock = sys::Open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW, 0660);
   if (_lock < 0) {
     fprintf(stderr, "Dispatcher: cannot open %s: %s\n", path.c_str(), strerror(errno));
     return EX_OSERR;
@@ -427,6 +448,8 @@ void Dispatcher::_RunEnded(ModuleProcess &process, int code, int signal) {
   process.job = nullptr;
   process.since = Clock::now();
   if (process.served >= kMessagesPerProcess) process.Retire();
+  if (IsCrash(signal) && job.failures + 1 >= std::min(kCrashLimit, _settings.retryLimit) && _ReportCrash(job, signal))
+    return;
   if (signal != 0) return _Retry(job, true);
   switch (code) {
     case kRunDone:
@@ -473,6 +496,28 @@ void Dispatcher::_Redirect(Job &job, std::string const &wrongFunction) {
     _jobs.Add(name, function, priority < 0 ? kLowestPriority : priority, true);
   else
     _Park(name, function);
+}
+
+// A message that its module can't survive becomes an error record, with which the error handler knows what to do. False
+// when it can't: there is no error handler or it is the one that died, the file is no mail, or it can't be written.
+bool Dispatcher::_ReportCrash(Job &job, int signal) {
+  if (job.function == kModuleErrorHandler || !_IsInstalled(kModuleErrorHandler)) return false;
+  ReportingModule reporter;
+  SControl control;
+  control.SetModule(&reporter);
+  control.PutFilename(SString(job.name));
+  if (control.Read() == 0 || control.Get(kKeyControlType).Get(0) != kTypeMail ||
+      control.Get(kKeyFunction).Get(0) != SString(job.function))
+    return false;
+  errno = 0;  // no call has failed
+  SetSocketErrorNo(0);
+  if (!reporter.ProcessError(control, "ModuleDied", SString(job.function + ":Run"),
+                             SString(std::string(strsignal(signal)) + ", time after time")))
+    return false;
+  _Log("FAILED:" + job.function + ":" + job.name + ":reported after " + std::to_string(job.failures + 1) + " crashes");
+  _jobs.Add(job.name, kModuleErrorHandler, job.priority, false);  // for when this run is taken off
+  (void)_jobs.Finish(job);
+  return true;
 }
 
 void Dispatcher::_MoveToFailed(Job &job) {
@@ -588,7 +633,4 @@ std::string Dispatcher::_ControlPath(std::string const &name) const {
   return _root + "/control/" + name + kControlSuffix;
 }
 
-void Dispatcher::_Log(std::string const &text) const {
-  std::string const line = std::string(LogFileDate().View()) + ":Dispatcher:" + text + "\n";
-  (void)!write(STDERR_FILENO, line.data(), line.size());  // one call a line: modules write to the same stream
-}
+void Dispatcher::_Log(std::string const &text) const { WriteLogLine(LogFileDate() + ":Dispatcher:" + SString(text)); }

@@ -25,7 +25,8 @@ public:
   Dispatcher &operator=(Dispatcher const &) = delete;
 
   // Takes the root's lock, binds the socket and publishes port and key in run/dispatcher (0640). 0, or a code of
-  // sysexits.h after a line on standard error: 75 when another dispatcher holds the root, 71 for other failures.
+  // sysexits.h after a line on standard error: 75 when another dispatcher holds the root, 78 when others than its user
+  // and group can write in it, 71 for other failures.
   int Start();
   // Runs until SIGTERM or SIGINT, and then until the running modules have ended or StopTimeout is over.
   void Run();
@@ -65,6 +66,7 @@ private:
   void _Retry(Job &job, bool counts);
   void _Redirect(Job &job, std::string const &wrongFunction);
   void _Done(Job &job);
+  bool _ReportCrash(Job &job, int signal);
   void _MoveToFailed(Job &job);
   void _Park(std::string const &name, std::string const &function);
 

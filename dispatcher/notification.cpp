@@ -1,11 +1,15 @@
 #include "dispatcher/notification.h"
 
+#include <limits.h>
+
 #include <array>
 #include <cstddef>
 
+#include "brenthaven/spool/keys.h"
+
 namespace {
 
-constexpr size_t kMaxNameLength = 200;
+constexpr size_t kMaxNameLength = NAME_MAX - (sizeof kControlSuffix - 1) - (sizeof kTempSuffix - 1);
 constexpr size_t kMaxModuleLength = 64;
 
 bool IsControlByte(char c) { return (static_cast<unsigned char>(c) & 0x7F) < 0x20; }

@@ -15,7 +15,8 @@ struct Notification {
 
 constexpr int kLowestPriority = 999;
 
-// A name that stays inside its directory: no "/", "\" or control byte, no leading ".", 1 to 200 bytes.
+// A name that stays inside its directory: no "/", "\" or control byte, no leading ".", and at most so long that its
+// control file and that file's temporary name have names that the file system takes. So a datagram is below 400 bytes.
 bool IsMessageName(std::string_view name);
 // The file name of a module: letters, digits, "-", "_" and ".", no "." or "-" in front, 1 to 64 bytes.
 bool IsModuleName(std::string_view name);

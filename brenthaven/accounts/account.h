@@ -17,8 +17,9 @@ struct SLogonPlan;
 class SAccountBase {
 public:
   // 1 when, since the last ClearReadFailed, the account store or MTA-Accounts could not be read for another reason than
-  // that something is absent: descriptors used up, an I/O error, a damaged page. Every operation then answers as if the
-  // thing were absent, so whoever turns "no such account" or "no such alias" into a refusal looks here first.
+  // that something is absent: descriptors used up, an I/O error, a damaged page, a file that is open to others. Every
+  // operation then answers as if the thing were absent, so whoever turns "no such account" or "no such alias" into a
+  // refusal looks here first.
   static unsigned ReadFailed();
   static void ClearReadFailed();
   // 1 when pages of the account store could not be written, at the latest at the end of a write section: what Set and

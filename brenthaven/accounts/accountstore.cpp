@@ -17,6 +17,8 @@ constexpr auto kRows = [] {
 }();
 
 struct SStore {
+  SStore() { objects.SetSecret(true); }
+
   SObjectDB objects{kStem, 0, kRows.data()};
   int depth = 0;        // of nested write sections
   SString pendingStem;  // undefined: none

@@ -93,6 +93,8 @@ bool Check::Holds(SString const &uid, int attribute, SString const &canonical) {
 
 SAccountCheck CheckAccountFiles(std::function<void(SString const &fault)> const &report) {
   Check check{.report = report};
+  check.attributes.SetSecret(true);
+  check.index.SetSecret(true);
   check.attributes.LockRead();  // holds writers off both files: they take this one first
   SString key;
   for (SString value = check.attributes.SeqFirstJJ(key); value.Defined(); value = check.attributes.SeqNext(key))

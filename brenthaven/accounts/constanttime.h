@@ -1,4 +1,4 @@
-// brenthaven/accounts/constanttime.h - comparing secrets. Used by this folder.
+// brenthaven/accounts/constanttime.h - comparing secrets.
 #pragma once
 #include <cstddef>
 #include <string_view>

@@ -19,6 +19,8 @@ constexpr SErrorMeaning kMeanings[] = {
     {"Unallowed%Addr", "5.7.1", "Mail to this address is not passed on by this host.", kActionReturn},
     // The judge holds what it does not return by itself; a record of that comes here when it could not be moved.
     {"SideLined", "5.7.1", "The message was refused by a rule of this host.", kActionHold},
+    // A fault of ours, for a person to mend and to let the message go on.
+    {"ModuleDied", "5.3.0", "The message could not be processed.", kActionHold},
     {"DeliveryErrors", "4.2.0", kWaits, kActionReturn},
     {"OpenFailed", "4.3.0", kWaits, kActionReturn},
     {"NotDefined", "4.3.0", kWaits, kActionReturn},

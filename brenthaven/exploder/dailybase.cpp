@@ -27,7 +27,7 @@ SDailyCounts CountsOfToday(SString const &listUID, SListState const &state, time
   int const day = file.GetInt();
   SDailyCounts base = {file.GetInt(), file.GetInt()};
   SDailyCounts const totals = {state.GetTotalMessages(), state.GetTotalKbytes()};
-  bool const isOfToday = file.WasExact() && day == DayNumber(now);
+  bool const isOfToday = file.WasExact() && day == DayNumber(now) && base.messages >= 0 && base.kbytes >= 0;
   bool const wasCleared = totals.messages < base.messages || totals.kbytes < base.kbytes;
   if (!isOfToday || wasCleared) {  // what was counted since a clearing is all of today
     base = isOfToday ? SDailyCounts() : totals;

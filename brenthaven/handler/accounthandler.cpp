@@ -3,6 +3,7 @@
 #include "brenthaven/accounts/accountdb.h"
 #include "brenthaven/handler/pass.h"
 #include "brenthaven/spool/keys.h"
+#include "brenthaven/spool/log.h"
 #include "brenthaven/text/base.h"
 
 // A pass:
@@ -134,6 +135,7 @@ bool SAccountHandlerModule::_HandOn(Pass &pass, bool &handled) {
     SStringList const remaining = Remaining(pass.channels, control.Get(kKeyChannelToDone));
     if (remaining.Length() == 0) {
       control.Delete(kKeyChannelTo);
+      _LogLeft({}, pass.managers);
       return true;
     }
     control[kKeyChannelTo] = remaining;  // the next router must not route what an earlier one has recorded
@@ -159,12 +161,22 @@ bool SAccountHandlerModule::_HandToModule(Pass &pass, bool &handled) {
   SStringList const remaining = Remaining(pass.modules, control.Get(kKeyModuleToDone));
   if (remaining.Length() == 0) {
     control.Delete(kKeyModuleTo);
+    _LogLeft(pass.channels, pass.managers);
     return true;
   }
   handled = true;
   SString const handler = FirstWord(remaining.Get(0));
   if (handler != GetModuleName()) return WriteHandler(handler) != 0;
   return ProcessError(control, "InvalidHandlerDelivery", kProcessMail, "Handler Delivery Loop") != 0;
+}
+
+// What goes with a message that ends before all of its lists are served: nobody gets it, so the log at least says whom.
+void SAccountHandlerModule::_LogLeft(SStringList const &channels, SStringList const &managers) {
+  SStringList left = Remaining(channels, GetControl().Get(kKeyChannelToDone));
+  left.Push(Remaining(managers, GetControl().Get(kKeyManagerToDone)));
+  if (left.Length() == 0) return;
+  WriteLogLine(LogFileDate() + ":" + GetModuleName() + ":Not handed on:" + GetControl().GetFilename() + ":" +
+               left.Join(","));
 }
 
 unsigned int SAccountHandlerModule::_RemoveIncoming() {

@@ -44,6 +44,7 @@ private:
   bool _Deliver(Pass &pass);
   bool _HandOn(Pass &pass, bool &handled);
   bool _HandToModule(Pass &pass, bool &handled);
+  void _LogLeft(SStringList const &channels, SStringList const &managers);
   unsigned int _RemoveIncoming();
   void _PutBack(Pass const &pass);
   unsigned int _Fail(char const *error);

@@ -155,7 +155,7 @@ bool SFanOut::_DeferToQueue(SControl &copy, SString const &host, int buckets) {
   copy[kKeyHostTo] = host;
   copy.SetModuleName(kModuleSmtpDeliver);
   if (!copy.Defer(bucket)) return false;
-  copy.PutFilename(_module.GetDeferredDir() + kModuleSmtpDeliver + "/" + host + "," + MakeSString(bucket) + "/" +
+  copy.PutFilename(_module.GetDeferredDir() + kModuleSmtpDeliver + "/" + copy.GetHostDirectory(bucket) +
                    copy.GetFilename() + kControlSuffix);
   _module.Cover(copy);
   return true;

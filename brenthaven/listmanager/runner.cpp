@@ -23,6 +23,9 @@ bool IsChanged(int result) {
   return result == kListSuccess || result == kListSubscriptionChanged || result == kListAlreadySubscribed;
 }
 
+// An answer that says that something is not there, or not right. Where accounts could not be read it may be.
+int IfRead(int result) { return SAccountBase::ReadFailed() ? kListTempFail : result; }
+
 }  // namespace
 
 bool IsListChange(SListVerb verb) {
@@ -78,6 +81,7 @@ int SListCommandRunner::Run(SListCommand const &command, SListOutcome &outcome) 
     case SListVerb::kEnd:
       break;
   }
+  if (result != 0 && !IsListChange(command.verb)) result = IfRead(result);
   outcome.key = result != 0 ? SListActions::GetErrorKey(result) : SString(kOutcomeMalformed);
   return result;
 }
@@ -104,9 +108,9 @@ int SListCommandRunner::_Request(SListCommand const &command, SListOutcome &outc
 
 int SListCommandRunner::_Decide(SListCommand const &command, SListOutcome &outcome) {
   if (outcome.list.Length() == 0) return 0;
-  if (outcome.found.GetUID().Length() == 0) return kListNoSuchList;
+  if (outcome.found.GetUID().Length() == 0) return IfRead(kListNoSuchList);
   if (outcome.found.IsListLocked()) return kListLocked;
-  if (!outcome.found.VerifyPassword(command.password)) return kListBadPassword;
+  if (!outcome.found.VerifyPassword(command.password)) return IfRead(kListBadPassword);
   _isProven = true;
   return DecideOnHeld(_module, outcome.found.GetUID(), command.what, command.verb == SListVerb::kAccept);
 }

@@ -176,16 +176,20 @@ SString SListActions::_FindSubscriber(int &result) {
 int SListActions::_AuthenticateRequest(unsigned int needsAccount, unsigned int bypass) {
   int result = kListSuccess;
   _action = SString();
-  if (_listUID.Length() == 0) return kListNoSuchList;
+  if (_listUID.Length() == 0) return SAccountBase::ReadFailed() ? kListTempFail : kListNoSuchList;
   (void)_FindSubscriber(result);
   bool const isStranger = result == kListNotSubscribed;  // an address from outside, which may become an account
   if (result != kListSuccess && (needsAccount || !isStranger)) return result;
   if (bypass) return kListSuccess;
   if (_IsLocked()) return kListLocked;
-  if (_password.Length() > 0) return StringComp();
+  if (_password.Length() > 0) {
+    result = StringComp();
+    return SAccountBase::ReadFailed() ? kListTempFail : result;
+  }
   if (_keyOffered && !_keyTrusted && !_IsKeyGood(_authKey)) return kListBadAuthKey;
   bool const authenticated = _keyOffered || _keyTrusted;
   _Match(authenticated, LowerCase(BareAddress(_requester)) == LowerCase(BareAddress(_address)));
+  if (SAccountBase::ReadFailed()) return kListTempFail;  // a policy that can't be read looks like an open one
   if (_action != kRequireAuth || authenticated) return kListSuccess;
   return _MailAuthKeyRequest() ? kListAuthenticationRequired : kListTempFail;
 }
@@ -226,6 +230,7 @@ int SListActions::_TakeIn(Section &section, unsigned int bypass) {
     return kListTempFail;
   }
   if (isStranger) uid = GenerateAccountUID(BareAddress(_address));
+  if (SAccountBase::ReadFailed()) return kListTempFail;  // the new UID may be somebody's, and a limit may have passed
   return _Enter(section, *state, uid, isStranger);
 }
 

@@ -105,7 +105,7 @@ private:
     Entry entry{digest, {}};
     for (SString const &text : times.Split(' ')) {
       time_t const time = text.AsLong();
-      if (time <= _now && _now - time < kSecondsAnHour) entry.times.push_back(time);  // one to come: a clock set back
+      if (time <= _now && time > _now - kSecondsAnHour) entry.times.push_back(time);  // one to come: a clock set back
     }
     if (!entry.times.empty()) _entries.push_back(entry);
   }

@@ -34,7 +34,7 @@ SString ExistingDirectory(SString const &path) {
 bool WarnOfLowSpace(SString const &path, double free) {
   SString const record = GetEnv("Brenthaven") + "/.LastSpaceWarning";
   long const now = time(nullptr);
-  if (now - MapFileRead(record).AsLong() < kWarningPeriod) return true;
+  if (MapFileRead(record).AsLong() > now - kWarningPeriod) return true;
   SString const text = path + " = " + SString(static_cast<long>(free / kKilobyte)) + " KB";
   // A report that can't be written says so by its result; with the disk as full as this the mail is held back below.
   (void)ProcessError("LowDiskSpaceWarning", "DiskLimits", text, "Dispatch");

@@ -2,6 +2,8 @@
 
 #include <errno.h>
 
+#include <algorithm>
+#include <climits>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -23,6 +25,8 @@
 //   3. make what was stored durable, then record it in the control and settle what becomes of the rest.
 
 namespace {
+
+int g_batch = SMailboxDeliverModule::kBatch;
 
 constexpr int kSlotCount = 2;
 constexpr unsigned long kFolderMode = 0770;
@@ -80,7 +84,7 @@ struct SMailboxDeliverModule::Slot {
 struct SMailboxDeliverModule::Pass {
   explicit Pass(SControl &control) {
     for (SString const &text : control.Get(kKeyDeliverTo))
-      if (static_cast<int>(entries.size()) < kBatch)
+      if (static_cast<int>(entries.size()) < g_batch)
         entries.emplace_back(text);
       else
         rest.Push(text);
@@ -126,11 +130,14 @@ SMailboxDeliverModule::SMailboxDeliverModule() : SModule(kModuleMailboxDeliver) 
 
 SMailboxDeliverModule::~SMailboxDeliverModule() = default;
 
+void SMailboxDeliverModule::SetBatch(int entries) { g_batch = entries; }
+
 unsigned int SMailboxDeliverModule::LoadEnv() {
   Sdbfile settings(GetModuleName(), 0, kProductWord);
   if (!settings.Open("/Config", 0)) return 0;
   _log = settings.Get("Log").Get(0) == "yes";
-  _quotaWarningThreshold = static_cast<int>(settings.Get("QuotaWarningThreshold").Get(0).AsLong());
+  _quotaWarningThreshold =
+      static_cast<int>(std::clamp<long>(settings.Get("QuotaWarningThreshold").Get(0).AsLong(), INT_MIN, INT_MAX));
   _overQuotaNotices = settings.Get("OverQuotaNotices").Get(0) == "yes";
   _defaultQuota = KilobytesToBytes(GetEnv("DefaultMailboxQuota"));
   return 1;
@@ -260,10 +267,15 @@ void SMailboxDeliverModule::_DeliverEntry(Pass &pass, Entry &entry, Slot &slot) 
   SSizeFile sizeFile(entry.folder);
   if (!sizeFile.Lock()) return pass.FailForNow(entry, "Can't lock size file for " + target);
   _account = entry.account;
-  if (!_TakeWithinQuota(sizeFile, slot.size)) {
-    pass.errors.Push("No storage space available in mailbox for " + Recipients(entry.text).Get(0));
-    pass.overQuota.Push(entry.text);
-    return;
+  switch (_RoomFor(sizeFile, slot.size)) {
+    case Room::kEnough:
+      break;
+    case Room::kTooLittle:
+      pass.errors.Push("No storage space available in mailbox for " + Recipients(entry.text).Get(0));
+      pass.overQuota.Push(entry.text);
+      return;
+    case Room::kUnknown:
+      return pass.FailForNow(entry, "Couldn't get account info: " + entry.account);
   }
   if (!(isOwner ? slot.substance->Publish() : _StoreCopy(slot, target)))
     return pass.FailForNow(entry, "Couldn't link message file: " + target);
@@ -372,10 +384,9 @@ unsigned int SMailboxDeliverModule::_SaveAndDefer() {
   bool const isNew = !FileExists(control.GetControlFilename());
   if (!CommitBarrier() || !control.Write() || !control.Defer()) return 0;
   if (!isNew) return 1;
-  SString const host = control.Get(kKeyHostTo).Get(0);
   SControl deferred = control;
-  deferred.PutFilename(GetDeferredDir() + GetModuleName() + "/" + (host.Length() > 0 ? host + "/" : SString()) +
-                       control.GetFilename() + kControlSuffix);
+  deferred.PutFilename(GetDeferredDir() + GetModuleName() + "/" + control.GetHostDirectory() + control.GetFilename() +
+                       kControlSuffix);
   Cover(deferred);
   return 1;
 }

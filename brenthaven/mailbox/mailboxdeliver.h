@@ -27,6 +27,8 @@ class SNewFile;
 class SMailboxDeliverModule : public SModule {
 public:
   static constexpr int kBatch = 512;
+  // Passes of this process take fewer: for tests, to which 512 recipients are many.
+  static void SetBatch(int entries);
 
   SMailboxDeliverModule();
   ~SMailboxDeliverModule() override;
@@ -83,6 +85,7 @@ private:
   struct Entry;  // one "agent account" entry, and what was found out about it
   struct Slot;   // the substance file of a slot, and the files made from it
   struct Pass;   // what one ProcessMail knows
+  enum class Room { kEnough, kTooLittle, kUnknown };
 
   bool _WriteSubstances(Pass &pass);
   bool _WriteSubstance(Pass &pass, Entry &entry, Slot &slot);
@@ -90,7 +93,7 @@ private:
   void _DeliverEntry(Pass &pass, Entry &entry, Slot &slot);
   bool _WriteForm(SNewFile &stored, SString const &file, SStringList *errors);
   bool _StoreCopy(Slot &slot, SString const &target);
-  bool _TakeWithinQuota(SSizeFile &f, long long messageSize);
+  Room _RoomFor(SSizeFile &f, long long messageSize);
   long long _QuotaOf(SString const &uid) const;
   unsigned int _DeferUnwritten(Pass &pass);
   unsigned int _DeferUndefined(Pass &pass);

@@ -1,5 +1,7 @@
 #include "brenthaven/mailbox/mailboxpath.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdint>
 
 #include "brenthaven/text/base.h"
@@ -15,7 +17,7 @@ int BucketHash(SString const &text, int count) {
 }
 
 int MailboxHash(SString const &account) {
-  int const count = static_cast<int>(GetEnv("MailboxBucketCount").AsLong());
+  int const count = static_cast<int>(std::clamp<long>(GetEnv("MailboxBucketCount").AsLong(), INT_MIN, INT_MAX));
   return BucketHash(account, count == 0 ? kDefaultBucketCount : count);
 }
 

@@ -5,8 +5,8 @@
 // Agent of the entries that mailbox delivery takes, and part of the messages' names in its log.
 inline constexpr char kMailboxAgent[] = "Mailbox";
 
-// One line on the standard error stream: LogFileDate, ":", process id, ":" and the fields, in a single write. Control
-// bytes come out as "?", so that a name can't make a line of its own.
+// One line on the standard error stream: LogFileDate, ":", process id, ":" and the fields, in a single write. As in all
+// log lines no name can make a line of its own (platform/logtext.h).
 void WriteMailLog(SString const &fields);
 // Bytes of a number of kilobytes, fractions cut off; 0 for what is no number above 0.
 long long KilobytesToBytes(SString const &kilobytes);

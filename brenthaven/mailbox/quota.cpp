@@ -1,6 +1,7 @@
 // Quotas: whether a mailbox can take a message, and when its owner hears about it.
 #include <dirent.h>
 
+#include <cmath>
 #include <limits>
 
 #include "brenthaven/accounts/accountdb.h"
@@ -70,19 +71,22 @@ long long SMailboxDeliverModule::_QuotaOf(SString const &uid) const {
   return own > 0 ? own : _defaultQuota;
 }
 
-// The rule for one message of the current account. A message of exactly the remaining space is taken.
-bool SMailboxDeliverModule::_TakeWithinQuota(SSizeFile &f, long long messageSize) {
+// The rule for one message of the current account. A message of exactly the remaining space is taken. Where accounts
+// can't be read nobody is refused for good: the quota found may not be the account's own.
+SMailboxDeliverModule::Room SMailboxDeliverModule::_RoomFor(SSizeFile &f, long long messageSize) {
   long long quota = 0;
+  SAccountBase::ClearReadFailed();
   long long const left = AvailableMailboxStorage(f, 0, &quota) - messageSize;
-  if (_unlimited) return true;
+  if (_unlimited) return Room::kEnough;
   if (left < 0 && !IsPostmasterForwardee(_account)) {
+    if (SAccountBase::ReadFailed()) return Room::kUnknown;
     if (_overQuotaNotices && !f.OverNoticeSent()) SendOverQuotaMessage(f, left + messageSize, messageSize, quota);
-    return false;
+    return Room::kTooLittle;
   }
-  if (_quotaWarningThreshold == 0 || f.NearNoticeSent()) return true;
-  auto const warnBelow = static_cast<long long>(static_cast<double>(quota) * (100 - _quotaWarningThreshold) / 100);
-  if (left < warnBelow && !IsPostmasterForwardee(_account)) SendNearQuotaMessage(f, left, quota);
-  return true;
+  if (_quotaWarningThreshold == 0 || f.NearNoticeSent()) return Room::kEnough;
+  double const warnBelow = std::trunc(static_cast<double>(quota) * (100.0 - _quotaWarningThreshold) / 100);
+  if (static_cast<double>(left) < warnBelow && !IsPostmasterForwardee(_account)) SendNearQuotaMessage(f, left, quota);
+  return Room::kEnough;
 }
 
 void SMailboxDeliverModule::IncreaseMailboxByteCount(SSizeFile &f, long long bytes) {

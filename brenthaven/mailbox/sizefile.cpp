@@ -12,7 +12,8 @@
 
 namespace {
 
-constexpr int kTextSize = 32;  // of a record, its NUL included
+constexpr int kTextSize = 32;                              // of a record, its NUL included
+constexpr long long kLargest = 4'000'000'000'000'000'000;  // of a record; leaves room to add to it
 constexpr int kNearFlag = 1;
 constexpr int kOverFlag = 2;
 constexpr double kFirstPause = 0.001;  // seconds between two tries for the lock, doubled up to kLongestPause
@@ -96,7 +97,7 @@ long long SSizeFile::_Read() {
     _nearSent = (flags & kNearFlag) != 0;
     _overSent = (flags & kOverFlag) != 0;
   }
-  return size;
+  return std::min(size, kLargest);
 }
 
 void SSizeFile::SetSize(long long bytes) {

@@ -7,7 +7,7 @@
 //
 // The file "__size__" is ASCII without a line end, at most 31 bytes:
 //
-//   "%lld"       bytes in the folder; no notice sent
+//   "%lld"       bytes in the folder, 4 * 10^18 at most; no notice sent
 //   "%lld %d"    the same, and flags: 1 near notice sent, 2 over notice sent, 3 both
 //
 // Only files whose names begin with a digit count. Writers hold a lock on byte 0 of "__size_lock__" from Lock to

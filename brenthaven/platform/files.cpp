@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "brenthaven/platform/descriptor.h"
+#include "brenthaven/platform/logtext.h"
 #include "brenthaven/platform/nativepath.h"
 #include "brenthaven/platform/sys.h"
 #include "brenthaven/text/base.h"
@@ -76,10 +77,10 @@ bool ReplaceByCopy(int from, mode_t mode, std::string const &target) {
   return false;
 }
 
-// Opens a file for reading and writing, and makes it when it is missing.
+// Opens a file for reading and writing, and makes it when it is missing. A symbolic link in its place is refused.
 int OpenOrMake(char const *path) {
   for (;;) {
-    int fd = sys::Open(path, O_RDWR);
+    int fd = sys::Open(path, O_RDWR | O_NOFOLLOW);
     if (fd >= 0 || errno != ENOENT) return fd;
     fd = sys::Open(path, O_RDWR | O_CREAT | O_EXCL, kFileMode);
     if (fd >= 0) {
@@ -139,8 +140,9 @@ unsigned RemoveFileLogged(SString const &path) {
   if (RemoveFile(path)) return 1;
   int const error = errno;
   if (!IsRegular(path)) return 0;
-  std::cerr << LogFileDate() << ':' << GetEnv("ModuleName") << ":ERROR:Couldn't remove file " << path << ':'
-            << GetErrorString(error) << '\n';
+  SString const line =
+      LogFileDate() + ":" + GetEnv("ModuleName") + ":ERROR:Couldn't remove file " + path + ":" + GetErrorString(error);
+  std::cerr << LogText(line.View()) + "\n";
   return 0;
 }
 

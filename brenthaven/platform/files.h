@@ -81,6 +81,7 @@ inline constexpr int kLockShared = 2;
 // a handle that can write.
 void *LockFile(void *handle, int mode, int offset, int length);
 // Opens the file for reading and writing, makes it when it is missing, and locks it. -1 with the file closed on
-// failure. What is locked is the file that stands under the path when the lock is granted, not one removed meanwhile.
+// failure; a symbolic link is one. What is locked is the file that stands under the path when the lock is granted, not
+// one removed meanwhile.
 void *LockFile(SString const &path, int mode, int offset, int length);
 int UnlockFile(void *handle, int offset, int length);

@@ -8,7 +8,8 @@
 
 // A whole file as a fixed string, without a copy: a private read-only mapping, with a NUL behind the last byte. No
 // string that shares its bytes may outlive it. The file must not be cut while it is mapped: the mail files' names keep
-// writers away. Files of 1 GiB and more are refused, as all texts are.
+// writers away. Refused are symbolic links, which nobody makes of a mail file but who wants another file read in its
+// place, and files of 1 GiB and more, as all texts are.
 class SMappedFile : public SFixedString {
 public:
   explicit SMappedFile(SString const &path);

@@ -16,6 +16,7 @@
 
 #include "brenthaven/platform/barrier.h"
 #include "brenthaven/platform/forks.h"
+#include "brenthaven/platform/secretfile.h"
 #include "brenthaven/platform/sys.h"
 
 // How a read goes: the file is looked at (is it the one we have open?) and its change counter is read, two short system
@@ -95,7 +96,8 @@ private:
 // One store file and this process's connection to it.
 class Store {
 public:
-  explicit Store(std::string path) : _path(std::move(path)) {}
+  // A store with secrets is not used while others can read or write its file.
+  explicit Store(std::string path, bool hasSecrets = false) : _path(std::move(path)), _hasSecrets(hasSecrets) {}
   Store(Store const &) = delete;
   Store &operator=(Store const &) = delete;
   ~Store() { (void)Finish(); }  // a failed flush was told to the caller that closed the last handle, if any did
@@ -116,6 +118,8 @@ public:
   LONG DeleteValue(std::string const &key, std::string const &name);
   LONG DeleteKey(std::string const &key);
 
+  LONG Check(std::string &fault);
+
 private:
   enum class State { kEmpty, kReady, kFailed };  // kEmpty: no file, or no byte in it
   enum Statement { kLoad, kFind, kChildren, kNames, kInsertKey, kSet, kUnset, kClear, kDrop, kStatements };
@@ -135,6 +139,7 @@ private:
   LONG _SetInTransaction(std::string const &key, std::string_view name, DWORD type, std::string_view bytes);
 
   std::string _path;
+  bool _hasSecrets;
   sqlite3 *_connection = nullptr;
   sqlite3_stmt *_statements[kStatements] = {};
   int _descriptor = -1;  // for the change counter; closed after the connection, since closing it drops SQLite's locks
@@ -238,6 +243,7 @@ Store::State Store::_Look() {
     _Disconnect();
     return error == ENOENT ? State::kEmpty : State::kFailed;
   }
+  if (_hasSecrets && !IsClosedToOthers(_path.c_str(), info)) return State::kFailed;
   if (_connection != nullptr && (info.st_ino != _inode || info.st_dev != _device)) _Disconnect();
   if (info.st_size == 0) {
     _sections.clear();
@@ -473,9 +479,26 @@ LONG Store::DeleteKey(std::string const &key) {
   });
 }
 
+LONG Store::Check(std::string &fault) {
+  fault.clear();
+  State const state = _Look();
+  if (state == State::kEmpty) return ERROR_SUCCESS;
+  auto const take = [](void *text, int, char **columns, char **) {
+    if (columns[0] != nullptr) *static_cast<std::string *>(text) = columns[0];
+    return 0;
+  };
+  if (state == State::kFailed)
+    fault = "cannot be opened";
+  else if (sqlite3_exec(_connection, "PRAGMA quick_check(1)", take, &fault, nullptr) != SQLITE_OK)
+    fault = sqlite3_errmsg(_connection);
+  if (fault != "ok") return ERROR_CANTREAD;
+  fault.clear();
+  return ERROR_SUCCESS;
+}
+
 // The store of this process, pointed anew when Brenthaven has changed. Never destroyed: keys may be closed at exit.
 std::shared_ptr<Store> const &ProcessStore() {
-  static auto const *const store = new std::shared_ptr<Store>(std::make_shared<Store>(""));
+  static auto const *const store = new std::shared_ptr<Store>(std::make_shared<Store>("", true));
   static std::string *const root = new std::string();
   char const *now = getenv("Brenthaven");
   if (now == nullptr) now = "";
@@ -655,6 +678,8 @@ LONG RegOpenStoreA(char const *path, REGSAM access, HKEY *result) {
   *result = new HKEY__{std::move(store), "", writable, {}, {}};
   return ERROR_SUCCESS;
 }
+
+LONG RegCheckStore(std::string &fault) { return ProcessStore()->Check(fault); }
 
 unsigned RegReadFailed() { return readFailed; }
 void RegClearReadFailed() { readFailed = 0; }

@@ -6,8 +6,9 @@
 //   "" table setting  section TEXT and name TEXT (primary key together), type INTEGER, bytes BLOB: a value
 //
 // All names compare byte for byte. Each call that writes is one transaction, durable when it returns unless SpoolSync
-// is "no". A missing or empty file reads as an empty store, and the first write makes it (mode 0660). A process holds
-// one connection, opened at first use, and opens it anew when Brenthaven changes, when another file stands under the
+// is "no". A missing or empty file reads as an empty store, and the first write makes it (mode 0660). Since it holds
+// passwords, it is neither read nor written while others than its owner and group could do so. A process holds one
+// connection, opened at first use, and opens it anew when Brenthaven changes, when another file stands under the
 // path, or after a fork. Values of a key are read with one query and kept until any process commits a change to the
 // file; keys with very many values and large values (kSectionLimit, kLargeValue in the source) are asked each time.
 //
@@ -94,7 +95,12 @@ LONG RegDeleteKeyA(HKEY parent, char const *path);
 // temporary name and renamed after that. All handles of one path in a process share one connection.
 LONG RegOpenStoreA(char const *path, REGSAM access, HKEY *result);
 
+// Looks through the whole file of the process's store: ERROR_SUCCESS when it hangs together, or there is none; else
+// ERROR_CANTREAD with the first fault in words, and RegReadFailed as it was. Reads notice most damage by themselves,
+// but only where they come by.
+LONG RegCheckStore(std::string &fault);
+
 // 1 when a read failed for another reason than absence since the flag was last cleared: damaged file, input or output
-// error, no descriptors left, a lock not granted in time.
+// error, no descriptors left, a lock not granted in time, a file that is open to others.
 unsigned RegReadFailed();
 void RegClearReadFailed();

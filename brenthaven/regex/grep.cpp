@@ -3,6 +3,7 @@
 #include <string>
 
 #include "brenthaven/platform/files.h"
+#include "brenthaven/platform/logtext.h"
 #include "brenthaven/regex/cache.h"
 #include "brenthaven/text/sstringlist.h"
 
@@ -52,7 +53,7 @@ public:
 
 private:
   void _Report(GrepError error) const {
-    fprintf(stderr, "%s\nThe test field for Grep was '%s'\n", kErrorTexts[error], static_cast<char const *>(_field));
+    fprintf(stderr, "%s\nThe test field for Grep was '%s'\n", kErrorTexts[error], LogText(_field.View()).c_str());
   }
 
   GrepError _Read() {

@@ -4,6 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "brenthaven/platform/logtext.h"
+
 namespace {
 
 constexpr int kMaxGroups = 10;
@@ -74,8 +76,8 @@ public:
   SString Result() const {
     if (_error == kNone) return SString(_posix);
     fprintf(stderr,
-            "Regular expression error -- compile aborted.  Reason:\n\t%s\n\tThe erroneous expression is '%.*s'.\n",
-            kErrorTexts[_error], static_cast<int>(_perl.size()), _perl.data());
+            "Regular expression error -- compile aborted.  Reason:\n\t%s\n\tThe erroneous expression is '%s'.\n",
+            kErrorTexts[_error], LogText(_perl).c_str());
     return "";
   }
 

@@ -168,7 +168,8 @@ SAcceptResult SAcceptance::SetHeader(SString const &text) {
   int fields = 0;
   while (!rest.empty()) {
     std::string_view const line = TakeLine(rest);
-    if (!IsHeaderLine(line.data(), line.size(), fields == 0)) return _Refuse(SAcceptResult::kBadHeader);
+    bool const hasBareCr = line.find('\r') != std::string_view::npos;  // a line end to some readers, not to others
+    if (hasBareCr || !IsHeaderLine(line.data(), line.size(), fields == 0)) return _Refuse(SAcceptResult::kBadHeader);
     size_t colon = 0;
     size_t const name = IsBlank(line.front()) ? 0 : FieldNameLength(line, colon);
     if (name > 0) {

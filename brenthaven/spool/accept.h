@@ -26,7 +26,7 @@ enum class SAcceptResult {
   kBadAddress,         // an address that is empty, unparsable or would not stand on one line
   kHeaderTooLarge,     // more than kMaxHeaderBytes
   kTooManyFields,      // more than kMaxHeaderFields
-  kBadHeader,          // a line that is neither a field nor the continuation of one
+  kBadHeader,          // a line that is neither a field nor the continuation of one, or holds a CR
 };
 // What happened, in words for an error line: "disk full".
 char const *AcceptResultText(SAcceptResult result);

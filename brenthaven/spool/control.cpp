@@ -1,5 +1,6 @@
 #include "brenthaven/spool/control.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -19,6 +20,7 @@ namespace {
 
 constexpr unsigned long kDirectoryMode = 0770;
 constexpr int kDeferTries = 5;  // a walk drops the directories that it has emptied, and may do so between our two steps
+constexpr size_t kMostHostBytes = 200;  // leaves room for a count in the name of a directory
 constexpr char kLogMarker[] = "#JJ#";
 
 // A writer that still has text that no file shows.
@@ -50,11 +52,14 @@ bool LinkOrCopy(SString const &from, SString const &to) {
   return true;
 }
 
-// The first value of Host-To: as a directory; empty without one. False for a host that would lead out of its place.
-bool HostDirectory(SControl const &control, SString &directory) {
-  directory = control.Get(kKeyHostTo).Get(0);
-  std::string_view const host = directory.View();
-  return host != "." && host != ".." && host.find_first_of(std::string_view("/\\\0", 3)) == std::string_view::npos;
+// The first value of Host-To: as the name of a directory; empty without one.
+SString HostName(SControl const &control) {
+  SString const host = control.Get(kKeyHostTo).Get(0);
+  std::string name(host.View().substr(0, kMostHostBytes));
+  std::replace_if(
+      name.begin(), name.end(), [](char c) { return c == '/' || c == '\\' || c == '\0'; }, '_');
+  if (name.starts_with('.')) name.front() = '_';
+  return SString(name);
 }
 
 // Makes a directory below top, which exists, and flushes the names of what was made.
@@ -183,16 +188,17 @@ int SControl::Defer(SString const &subdirectory) {
   return 0;
 }
 
-int SControl::Defer() {
-  SString host;
-  if (!HostDirectory(*this, host)) return 0;
-  return Defer(host.Length() > 0 ? host + "/" : host);
+int SControl::Defer() { return Defer(GetHostDirectory()); }
+int SControl::Defer(int count) { return Defer(GetHostDirectory(count)); }
+
+SString SControl::GetHostDirectory() const {
+  SString const host = HostName(*this);
+  return host.Length() > 0 ? host + "/" : host;
 }
 
-int SControl::Defer(int count) {
-  SString host;
-  if (!HostDirectory(*this, host)) return 0;
-  return Defer(host.Length() > 0 ? host + "," + SString(count) + "/" : host);
+SString SControl::GetHostDirectory(int count) const {
+  SString const host = HostName(*this);
+  return host.Length() > 0 ? host + "," + SString(count) + "/" : host;
 }
 
 int SControl::LinkMessage(SString const &name) {

@@ -74,6 +74,11 @@ public:
   int Defer();  // under the first value of Host-To:, if there is one
   // The same with ",count" behind the host; without Host-To: the count is lost and the file goes to the top directory.
   int Defer(int count);
+  // The directory below the module's in which these two put the file, with its "/"; "" without Host-To:. A host comes
+  // from outside: "/", "\" and NUL in it and a "." in front become "_", and of a long one only the start is taken. So
+  // two hosts may share a directory, which harms nothing: the field tells them apart.
+  SString GetHostDirectory() const;
+  SString GetHostDirectory(int count) const;
 
   // Gives this message's header and body the new name as well: as hard links, which is safe because message files are
   // replaced and never written in place, or as copies where links are refused. 0 with neither name made on failure.
@@ -99,7 +104,8 @@ public:
   S821Address GetPoster(SHeader *header);
 
   // One datagram to the dispatcher: message name, key, function, type and priority, with LF between. 1 when sent; 0
-  // when there is no dispatcher to tell, which is no fault of the mail: a queue walk finds it.
+  // when there is no dispatcher to tell, which is no fault of the mail: a queue walk finds it. 0 also when a field
+  // holds an LF.
   int Notify();
 
 protected:

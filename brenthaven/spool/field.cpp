@@ -51,7 +51,7 @@ int SField::Read(SString const &path) {
 int SField::Read() {
   ClearError();
   if (_path.Length() == 0) return 0;
-  SString const text = MapFileRead(_path);
+  SString const text = MapOwnFileRead(_path);
   if (text.Length() == 0) return 0;  // missing, unreadable or empty: what the table holds stands
   text >> *this;
   _loaded = 1;

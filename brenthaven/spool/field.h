@@ -28,8 +28,8 @@ public:
   SField &operator=(SField const &from);
   ~SField() override;
 
-  // 1 when the file was read and replaced the table. 0 for no path, a missing, empty or unreadable file; then the table
-  // and the loaded flag are as before.
+  // 1 when the file was read and replaced the table. 0 for no path, a missing, empty or unreadable file, and for a
+  // symbolic link; then the table and the loaded flag are as before.
   virtual int Read(SString const &path);
   virtual int Read();
   // 1 when the file stands under its path, else 0 with the old file intact and no temporary file left. The text goes to

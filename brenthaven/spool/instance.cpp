@@ -6,6 +6,8 @@
 #include <string_view>
 
 #include "brenthaven/platform/environment.h"
+#include "brenthaven/platform/nativepath.h"
+#include "brenthaven/platform/sys.h"
 #include "brenthaven/text/base.h"
 
 namespace {
@@ -66,5 +68,12 @@ int LoadInstanceEnvironment(SString const &root) {
   SetDefault("DomainName", dot >= 0 ? SString(host.View().substr(static_cast<size_t>(dot) + 1)) : host);
   return read;
 }
+
+int IsGuardedRoot(SString const &root) {
+  struct stat info;
+  return sys::Stat(SNativePath(root), &info) != 0 || (info.st_mode & S_IWOTH) == 0;
+}
+
+SString UnguardedRootText(SString const &root) { return "others can write in " + root; }
 
 int LoadDispatcherAddress(SString const &root) { return TakeFile(root + "/run/dispatcher"); }

@@ -1,8 +1,8 @@
 #include "brenthaven/spool/log.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <string>
+
+#include "brenthaven/platform/logtext.h"
 
 void WriteLog(SString const &text) {
   // The error stream is the last resort: where it fails too, there is nobody left to tell.
@@ -10,9 +10,4 @@ void WriteLog(SString const &text) {
   (void)fflush(stderr);
 }
 
-void WriteLogLine(SString const &line) {
-  std::string text(line.View());
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; }, '?');
-  WriteLog(SString(text + "\n"));
-}
+void WriteLogLine(SString const &line) { WriteLog(SString(LogText(line.View()) + "\n")); }

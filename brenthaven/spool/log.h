@@ -4,5 +4,5 @@
 
 // As it is, in a single write, so that lines of several processes keep whole.
 void WriteLog(SString const &text);
-// One line, its end added. Control bytes come out as "?", so that a name or an address can't make a line of its own.
+// One line, its end added, as platform/logtext.h has it.
 void WriteLogLine(SString const &line);

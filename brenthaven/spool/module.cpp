@@ -4,8 +4,10 @@
 
 #include <cerrno>
 
+#include "brenthaven/platform/environment.h"
 #include "brenthaven/platform/nativepath.h"
 #include "brenthaven/platform/sys.h"
+#include "brenthaven/spool/instance.h"
 #include "brenthaven/spool/keys.h"
 #include "brenthaven/spool/log.h"
 #include "brenthaven/spool/notice.h"
@@ -104,9 +106,14 @@ unsigned int SModule::LoadEnv() { return 1; }
 
 int SModule::_Start(char const *const *argv) {
   SetNewHandler();
+  GuardProcess();
   _arguments.Reset();
   for (; argv != nullptr && *argv != nullptr; ++argv) _arguments.Push(*argv);
   _logging = GetEnv("Log") == "yes";
+  if (!IsGuardedRoot(_brenthaven)) {
+    WriteLogLine(LogFileDate() + ":" + _moduleName + ":ERROR:" + UnguardedRootText(_brenthaven));
+    return kModuleNoEnvironment;
+  }
   return LoadEnv() ? kModuleDone : kModuleNoEnvironment;
 }
 

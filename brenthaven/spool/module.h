@@ -11,7 +11,7 @@
 // What ProcessMessageName and Main return, and a module's process ends with.
 enum SModuleCode {
   kModuleDone = 0,             // processed, deferred or handed over; or environment verified, or queue walked
-  kModuleNoEnvironment = 101,  // LoadEnv gave 0
+  kModuleNoEnvironment = 101,  // LoadEnv gave 0, or others than user and group can write in the root
   kModuleNotMine = 102,        // Function: names another module
   kModuleUnknownType = 103,    // Control-Type: is neither "Mail" nor "Request", nor for TakeErrors "Error"
   kModuleUnreadable = 105,     // the control file could not be read
@@ -39,9 +39,10 @@ public:
   virtual void ProcessRequest(SRequest &request);
   virtual unsigned int LoadEnv();  // reads the settings; 0 refuses to start
 
-  // The whole run, by the words in the null-terminated argument vector: "VerifyEnvironment" stops after LoadEnv,
-  // "ProcessQueue" walks the queue, "MessageFile" takes the last argument as the message's name in place of the
-  // environment's MessageFile. The words may stand anywhere; the first of them in this order decides.
+  // The whole run, in a process that it guards (platform/environment.h), by the words in the null-terminated argument
+  // vector: "VerifyEnvironment" stops after LoadEnv, "ProcessQueue" walks the queue, "MessageFile" takes the last
+  // argument as the message's name in place of the environment's MessageFile. The words may stand anywhere; the first
+  // of them in this order decides.
   int Main(char const *const *argv);
   // The run for one message, as Main with "MessageFile" and this name, whatever other words argv holds.
   int MainForMessage(char const *const *argv, SString const &name);

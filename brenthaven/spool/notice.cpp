@@ -28,6 +28,8 @@ SString ComposeNotice(SControl const &control) {
   if (key.Length() == 0) return SString();
   SStringList const fields = {control.GetFilename(), key, control.Get(kKeyFunction).Get(0),
                               control.Get(kKeyControlType).Get(0), control.Get(kKeyPriority).Get(0)};
+  for (SString const &field : fields)
+    if (field.Index('\n') >= 0) return SString();  // what stands behind it would be taken for the next field
   return fields.Join("\n");
 }
 

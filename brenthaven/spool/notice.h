@@ -7,7 +7,7 @@
 int PortNumber(SString const &text, int last);
 
 // "name LF key LF function LF type LF priority", with the key from the environment; undefined when there is no
-// dispatcher to tell (no port or no key).
+// dispatcher to tell (no key), and when one of the fields holds an LF.
 SString ComposeNotice(SControl const &control);
 // 1 when the whole text went out.
 int SendNotice(SString const &notice);

@@ -84,6 +84,7 @@ int SRequest::Ask(SString const &function, double timeout) {
     if (socket.Port() == 0) return 0;
     (*this)[kKeyReturnPath] = SString(socket.Port());
     if (!WriteUnflushed()) return 0;
+    _askedTrace = Get(kKeyTrace).Length();
     answered = Notify() && socket.Wait(timeout);
   }
   int const read = answered && Read();

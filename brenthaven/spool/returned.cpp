@@ -265,6 +265,7 @@ void Report::_FillHeader(SMIME const &body) {
   // A multipart is labelled with the widest of its parts' encodings, which the attachment has, RFC 2045 section 6.4.
   _header[kHeaderContentTransferEncoding] = body.PartEncodings().Get(-1);
   _header[kHeaderAutoSubmitted] = "auto-replied";  // RFC 3834 section 5
+  _header[kHeaderPrecedence] = "bulk";             // for programs that answer mail and do not know that field
 }
 
 void Report::_FillControl() {

@@ -98,6 +98,7 @@ int SSubmitter::GetHeaderSize() const { return _header.Text().Length(); }
 unsigned int SSubmitter::Submit(SStringList *error) {
   if (!_senderSet) SetSender(SString(kPostmaster) + "@" + GetEnv("HostName"), 1);
   _CompleteHeader();
+  if (_IsTooLarge(*error)) return 0;
   if (_mimeSet) {
     SString const text = _body;  // tells the encoding that it needs
     if (_body.Encoding().Length() > 0) _header[kHeaderContentTransferEncoding] = _body.Encoding();
@@ -119,6 +120,26 @@ unsigned int SSubmitter::Submit(SStringList *error) {
   }
   (void)_control.Notify();  // accepted all the same: a walk finds it
   return 1;
+}
+
+bool SSubmitter::_IsTooLarge(SStringList &error) const {
+  struct Limit {
+    char const *name;
+    int has, most;
+  };
+  int fields = 0;
+  for (SString const &key : _header.Keys()) fields += _header.Get(key).Length();
+  Limit const limits[] = {
+      {"TooManyRecipients", _control.Get(kKeyAccountTo).Length() + _control.Get(kKeyChannelTo).Length(),
+       SAcceptance::kMaxRecipients},
+      {"HeaderTooLarge", GetHeaderSize(), static_cast<int>(SAcceptance::kMaxHeaderBytes)},
+      {"TooManyFields", fields, SAcceptance::kMaxHeaderFields}};
+  for (Limit const &limit : limits) {
+    if (limit.has <= limit.most) continue;
+    error = {"Submit", limit.name, MakeSString(limit.has)};
+    return true;
+  }
+  return false;
 }
 
 void SSubmitter::_CompleteHeader() {

@@ -30,11 +30,14 @@ public:
   int GetHeaderSize() const;     // bytes of the header as it would be written
 
   // 1 when the message is durably in the spool, whether or not the dispatcher could be told. 0 when a file could not be
-  // written: nothing is left, and error (never null) holds location, error name and "File: " + path for ProcessError.
+  // written: nothing is left, and error (never null) holds location, error name and "File: " + path for ProcessError. 0
+  // also when the message is larger than one that is taken from outside (the limits of SAcceptance); then the error is
+  // "TooManyRecipients", "HeaderTooLarge" or "TooManyFields" and its text the number.
   unsigned int Submit(SStringList *error);
 
 private:
   void _CompleteHeader();
+  bool _IsTooLarge(SStringList &error) const;
   SString _ContentType() const;
 
   unsigned int _recipientSet;

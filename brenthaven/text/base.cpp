@@ -76,6 +76,22 @@ SString ReadAll(int fd, size_t guess) {
   return text;
 }
 
+SString ReadRegular(SString const &path, int flags) {
+  // A pipe without a writer must not hang.
+  SDescriptor const file(sys::Open(SNativePath(path), O_RDONLY | O_NONBLOCK | flags));
+  struct stat info;
+  if (!file.IsOpen() || sys::Fstat(file.Get(), &info) != 0) return {};
+  if (!S_ISREG(info.st_mode)) {
+    errno = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+    return {};
+  }
+  if (info.st_size > SString::kMaxLength) {
+    errno = EFBIG;
+    return {};
+  }
+  return ReadAll(file.Get(), static_cast<size_t>(info.st_size));
+}
+
 int WriteNew(SDescriptor &file, SString const &data) {
   if (sys::Fchmod(file.Get(), kFileMode) != 0) return 0;
   if (data.Length() > 0 && sys::WriteAll(file.Get(), data.View().data(), data.View().size()) != 0) return 0;
@@ -129,20 +145,8 @@ SStringList ReadDir(SString const &path) {
   return names;
 }
 
-SString MapFileRead(SString const &path) {
-  SDescriptor const file(sys::Open(SNativePath(path), O_RDONLY | O_NONBLOCK));  // a pipe without a writer must not hang
-  struct stat info;
-  if (!file.IsOpen() || sys::Fstat(file.Get(), &info) != 0) return {};
-  if (!S_ISREG(info.st_mode)) {
-    errno = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
-    return {};
-  }
-  if (info.st_size > SString::kMaxLength) {
-    errno = EFBIG;
-    return {};
-  }
-  return ReadAll(file.Get(), static_cast<size_t>(info.st_size));
-}
+SString MapFileRead(SString const &path) { return ReadRegular(path, 0); }
+SString MapOwnFileRead(SString const &path) { return ReadRegular(path, O_NOFOLLOW); }
 
 int MapFileWrite(SString const &path, SString const &data) {
   if (path.Length() == 0) return 0;

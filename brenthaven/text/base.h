@@ -12,6 +12,8 @@ int Rename(SString const &from, SString const &to);  // replaces an existing tar
 int RemoveDir(SString const &path);                  // an empty directory; one trailing slash is dropped
 SStringList ReadDir(SString const &path);            // full paths, in the system's order; undefined on failure
 SString MapFileRead(SString const &path);            // the whole file; undefined on failure
+// The same for a file that only the system itself makes: a symbolic link in its place is refused (ELOOP).
+SString MapOwnFileRead(SString const &path);
 // Makes a new file, mode 0660 whatever the umask, that holds data. An existing file is left alone and gives 0; after a
 // failure no file is left.
 int MapFileWrite(SString const &path, SString const &data);

@@ -1,10 +1,12 @@
 // The store as a whole: lookups, limits, deletion, other files, other processes, and reads that fail.
 #include "brenthaven/accounts/accountdb.h"
 
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "brenthaven/accounts/auxpassword.h"
+#include "brenthaven/accounts/check.h"
 #include "brenthaven/store/sdbfile.h"
 #include "tests/accounts/support.h"
 
@@ -157,6 +159,25 @@ TEST_F(AccountDBTest, FailedReadIsToldFromAbsence) {
   EXPECT_EQ(SAccountDB::ReadFailed(), 0u);
   EXPECT_EQ(Values("ann", kAttrSmtpAddress), Strings{"ann@example.org"});
   EXPECT_EQ(SAccountDB::ReadFailed(), 0u) << "the other file is sound";
+}
+
+// A copy that was put back under the usual umask.
+TEST_F(AccountDBTest, FilesThatOthersCanReadAreUnreadableNotEmpty) {
+  Put("ann", kAttrSmtpAddress, "ann@example.org");
+  for (char const *file : {"config/BTAccounts.a", "config/BTAccounts.i"}) {
+    ASSERT_EQ(chmod(Path(file).c_str(), 0664), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(Owner("ann@example.org").empty() || !Exists("ann")) << file;
+    EXPECT_EQ(SAccountDB::ReadFailed(), 1u) << file;
+    EXPECT_EQ(Put("bob", kAttrSmtpAddress, "bob@example.org"), 0) << file;
+    EXPECT_TRUE(CheckAccountFiles([](SString const &) {}).readFailed) << file;
+    EXPECT_NE(testing::internal::GetCapturedStderr().find(std::string(file) + " is open to others"), std::string::npos);
+    ASSERT_EQ(chmod(Path(file).c_str(), 0640), 0);
+    SAccountDB::ClearReadFailed();
+    EXPECT_EQ(Owner("ann@example.org"), "ann") << file;
+    EXPECT_EQ(SAccountDB::ReadFailed(), 0u) << file;
+  }
+  EXPECT_FALSE(Exists("bob"));
 }
 
 // Readers that live long see each account as soon as its writer says that it is there, while the writer goes on.

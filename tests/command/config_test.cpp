@@ -1,4 +1,6 @@
 // init and the settings.
+#include <sys/stat.h>
+
 #include "tests/command/command_fixture.h"
 
 namespace {
@@ -44,6 +46,18 @@ TEST_F(ConfigTest, CallsWithoutAnInstanceSaySo) {
   unsetenv("Brenthaven");
   EXPECT_EQ(Brenthaven({"account", "list"}).code, EX_USAGE);
   EXPECT_EQ(Brenthaven({"--root", root + "//", "account", "get", "Postmaster", "Name"}).out, "Postmaster\n");
+}
+
+TEST_F(ConfigTest, RootThatStrangersCanWriteInIsRefused) {
+  ASSERT_EQ(chmod(root.c_str(), 0777), 0);
+  for (Words const &call : {Words{"account", "list"}, Words{"init", "--domain", "example.org", "--host", "h"}}) {
+    ProgramRun const run = Brenthaven(call);
+    EXPECT_EQ(run.code, EX_CONFIG) << call[0];
+    EXPECT_EQ(run.err, "brenthaven: others can write in " + root + "; narrow its mode: chmod o-w\n");
+  }
+  EXPECT_EQ(Sendmail({"a@b.c"}, "A: b\n\nx\n").code, EX_CONFIG);
+  ASSERT_EQ(chmod(root.c_str(), 0775), 0);
+  Good({"account", "list"});
 }
 
 TEST_F(ConfigTest, PathAndAnswerTable) {

@@ -20,6 +20,7 @@ protected:
 };
 
 TEST_F(DoctorTest, PlantedFaultTable) {
+  std::string settings;
   std::string const control = "Function: SMTP-Router\r\nControl-Type: Mail\r\nUser-From: SMTP<>\r\n";
   struct {
     std::string fault;  // a part of its line
@@ -29,6 +30,14 @@ TEST_F(DoctorTest, PlantedFaultTable) {
       {"/deferred is missing", true, [&] { std::filesystem::remove(Path("deferred")); }, nullptr},
       {"/config/registry.sqlite is open to others", true, [&] { chmod(Path("config/registry.sqlite").c_str(), 0666); },
        nullptr},
+      {"/config/environment is open to others", true, [&] { chmod(Path("config/environment").c_str(), 0664); },
+       nullptr},
+      {"/config/registry.sqlite: ", false,
+       [&] {
+         settings = FileBytes("config/registry.sqlite");
+         PutFile("config/registry.sqlite", std::string(settings).replace(4096, 4096, 4096, '\0'));
+       },
+       [&] { PutFile("config/registry.sqlite", settings); }},
       {"/control is open to others", true, [&] { chmod(Path("control").c_str(), 0777); }, nullptr},
       {"/control/m1-Control.temp was left half written", true,
        [&] { PutFile("control/m1-Control.temp", "half"), Age("control/m1-Control.temp", 1); }, nullptr},

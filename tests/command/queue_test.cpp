@@ -55,6 +55,16 @@ TEST_F(QueueCommandTest, ListTellsPlaceModuleAndReason) {
   EXPECT_NE(json.find("\"readable\": false"), std::string::npos) << json;
 }
 
+TEST_F(QueueCommandTest, ListingIsSafeForATerminal) {
+  PutFile("control/m1-Control",
+          "Function: SMTP-Router\r\nControl-Type: Mail\r\nUser-From: SMTP <\"\x1b]0;x\x07\"@b.c>\r\n"
+          "Channel-To: SMTP <a@b.c>\r\n\tm2  held\r\nDefer-Reason: one\r\n two\x7f\r\n");
+  for (std::string const &out : {Good({"queue", "list"}), Sendmail({}, "", "mailq").out}) {
+    EXPECT_NE(out.find("?]0;x?"), std::string::npos) << out;
+    EXPECT_EQ(out.find_first_of("\x1b\x07\x7f\r\t"), std::string::npos) << out;
+  }
+}
+
 TEST_F(QueueCommandTest, HoldReleaseShowAndRemove) {
   PutMessage("control", "m1");
   Good({"queue", "hold", "m1"});

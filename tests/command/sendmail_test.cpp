@@ -181,6 +181,58 @@ TEST_F(SendmailTest, SmtpTakesTheDotsOffAndSeveralMessagesInASession) {
   EXPECT_EQ(Sendmail({"-bs"}, std::string(3 * 30, '\n')).code, EX_PROTOCOL);
 }
 
+// Line ends that are none for SMTP. A second message behind a false end of the first would be mail of somebody's that
+// nobody has looked at.
+TEST_F(SendmailTest, OnlyALineOfADotBetweenCrLfEndsAMessage) {
+  std::string const hello = "MAIL FROM:<a@b.c>\r\nRCPT TO:<one@b.c>\r\nDATA\r\nA: b\r\n\r\n";
+  std::string const smuggled = "MAIL FROM:<evil@b.c>\r\nRCPT TO:<two@b.c>\r\nDATA\r\nA: b\r\n\r\nevil\r\n.\r\n";
+  std::string const refused = "554 5.6.0 a line of the message does not end with CR LF\r\n";
+  struct {
+    std::string end;
+    bool endsSession;  // both sides would no longer agree on what is a command
+  } const ends[] = {
+      {"\n.\n", true},       {"\n.\r\n", true},      {"\r\n.\n", true}, {"\r.\r", false},       {"\r\n.\r", false},
+      {"\r.\r\n", false},    {"\r.\n", false},       {"\n.\r", false},  {"\r\n.\r\r\n", false}, {"\n\n.\r\n", true},
+      {"\r\n\n.\r\n", true}, {"\r\n\r.\r\n", false}, {"\n", false},     {"\r", false},
+  };
+  for (auto const &[end, endsSession] : ends) {
+    SCOPED_TRACE(testing::PrintToString(end));
+    ProgramRun const run = Sendmail({"-bs"}, hello + "text" + end + smuggled + "NOOP\r\n");
+    EXPECT_TRUE(run.out.ends_with("\r\n" + refused + (endsSession ? "" : "250 2.0.0 ok\r\n"))) << run.out;
+    EXPECT_TRUE(SpoolIsEmpty());
+  }
+  std::string const header = "MAIL FROM:<a@b.c>\r\nRCPT TO:<one@b.c>\r\nDATA\r\nA: b\rBcc: c\r\n\r\n.\r\nNOOP\r\n";
+  EXPECT_TRUE(Sendmail({"-bs"}, header).out.ends_with(refused + "250 2.0.0 ok\r\n"));
+  // A line that is read in pieces, cut between its CR and LF, is as whole as any other.
+  for (size_t length : {65535u, 65536u, 65537u}) {
+    std::string const body = std::string(length, 'x') + "\r\n";
+    std::string const out = Sendmail({"-bs"}, hello + body + ".\r\n").out;
+    EXPECT_NE(out.find("250 2.0.0 accepted as "), std::string::npos) << length << out;
+    EXPECT_TRUE(TakeWaiting().body == body) << length;
+  }
+}
+
+TEST_F(SendmailTest, LimitsOfASessionHaveTheirCodes) {
+  std::string all = "MAIL FROM:<>\r\n";
+  for (int i = 0; i < 10030; ++i) all += "RCPT TO:<a@b.c>\r\n";  // the last are refused, more than a session has errors
+  ProgramRun run = Sendmail({"-bs"}, all + "DATA\r\nA: b\r\n\r\nx\r\n.\r\n");
+  EXPECT_NE(run.out.find("\r\n452 4.5.3 too many recipients\r\n354 "), std::string::npos);
+  EXPECT_NE(run.out.find("\r\n250 2.0.0 accepted as "), std::string::npos) << "for those that were taken";
+  std::string const control = TakeWaiting().control;
+  size_t recipients = 0;
+  for (size_t at = 0; (at = control.find("\r\nChannel-To: ", at)) != std::string::npos; ++at) ++recipients;
+  EXPECT_EQ(recipients, 10000u);
+
+  std::string many, large = "A: b\r\n";
+  for (int i = 0; i < 5001; ++i) many += "A: b\r\n";
+  for (int i = 0; i < 1025; ++i) large += " " + std::string(1022, 'x') + "\r\n";
+  for (auto const &[header, text] : {std::pair(many, "too many header fields"), std::pair(large, "header too large")}) {
+    run = Sendmail({"-bs"}, "MAIL FROM:<>\r\nRCPT TO:<a@b.c>\r\nDATA\r\n" + header + "\r\nx\r\n.\r\nNOOP\r\n");
+    EXPECT_TRUE(run.out.ends_with("\r\n552 5.3.4 " + std::string(text) + "\r\n250 2.0.0 ok\r\n")) << run.out;
+    EXPECT_TRUE(SpoolIsEmpty());
+  }
+}
+
 TEST_F(SendmailTest, MailqListsWhatWaits) {
   EXPECT_EQ(Sendmail({"-bp"}).out, "Mail queue is empty\n");
   PutFile("control/held/m1-Control",

@@ -71,6 +71,23 @@ TEST_F(TraceTest, EachStepNamesWhatDecidedIt) {
   EXPECT_TRUE(Everything() == before) << "no file made, changed or gone";
 }
 
+// An installation as `init` makes it passes nothing on for strangers: not by "%", and there is no account for all that
+// nobody has.
+TEST_F(TraceTest, FreshInstanceRelaysNothing) {
+  Good({"account", "delete", "rest"});
+  for (char const *to :
+       {"x%far.example@example.org", "x%far.example%example.org@example.org", "\"x%far.example\"@example.org",
+        "x%y%far.example@example.org", "@far.example@example.org", "far.example!x@example.org", "nobody@example.org"})
+    for (char const *from : {"a@spam.example", "<>", "", "ann@example.org.spam.example"}) {
+      ProgramRun const run = Brenthaven({"trace", to, "--from", from});
+      EXPECT_TRUE(run.code == EX_NOUSER || run.code == EX_DATAERR) << to << " from " << from << ": " << run.code;
+      EXPECT_EQ(run.out.find("sent to"), std::string::npos) << run.out;
+    }
+  EXPECT_NE(Trace({"x%far.example@example.org", "--from", "ann@example.org"}).find("sent to          far.example"),
+            std::string::npos)
+      << "its own senders may";
+}
+
 TEST_F(TraceTest, ForcedRoutingIsToldOf) {
   Good({"config", "set", "SMTP-Router//RoutingTable", "example.org:scanner.example"});
   PutFile("config/environment", FileBytes("config/environment") + "ForceRouting=yes\n");

@@ -2,6 +2,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <sysexits.h>
 #include <unistd.h>
@@ -102,6 +103,8 @@ protected:
 };
 
 TEST_F(DispatcherTest, GoodNotificationRunsTheModuleAndAWrongKeyNever) {
+  setenv("MessageFile", "/etc/passwd", 1);  // what the dispatcher was started with is not for its modules
+  setenv("ModuleName", "Other", 1);
   StartDispatcher();
   for (char const *name : {"good", "bad"}) PutControl(name);
   Send("bad\n0123456789abcdef0123456789abcdef\nTest-Module\nMail\n1");
@@ -196,6 +199,27 @@ TEST_F(DispatcherTest, CrashingMessageMovesToFailedAndIsNeverDeleted) {
   EXPECT_TRUE(Eventually([&] { return HasRun("end good"); }));
 }
 
+// Not with the limit of runs, which is for what a later run may manage.
+TEST_F(DispatcherTest, MessageThatCrashesItsModuleThriceIsTheErrorHandlers) {
+  Set("RetryDelay", "0");
+  std::filesystem::copy_file(TEST_MODULE, Path("modules/Error-Handler"));
+  StartDispatcher();
+  PutControl("crash-hold");
+  PutControl("crash-record", "Error-Handler");
+  Tell("crash-hold");
+  Tell("crash-record", "1", "Error-Handler");
+  EXPECT_TRUE(Eventually([&] { return Logged("FAILED:Test-Module:crash-hold:reported after 3 crashes"); }));
+  // The copy of the test's module dies of the record as well, which then has nowhere else to go.
+  EXPECT_TRUE(Eventually(
+      [&] { return Exists("control/failed/crash-hold-Control") && Exists("control/failed/crash-record-Control"); }));
+  EXPECT_EQ(CountRuns("run crash-hold"), 3 + 5);
+  EXPECT_EQ(CountRuns("run crash-record"), 5);
+  std::string const record = FileBytes("control/failed/crash-hold-Control");
+  for (char const *line : {"Function: Error-Handler\r\n", "Error: Test-Module:Run (ModuleDied)\r\n",
+                           "Error-Text: Aborted, time after time\r\n", "Trace: Dispatcher\r\n"})
+    EXPECT_NE(record.find(line), std::string::npos) << line << record;
+}
+
 TEST_F(DispatcherTest, CrashUnderLoadCostsOnlyItsOwnMessage) {
   Set("RetryLimit", "2");
   Set("RetryDelay", "0");
@@ -238,6 +262,15 @@ TEST_F(DispatcherTest, SettingsAreReadAgainOnHangUp) {
   ASSERT_TRUE(Eventually([&] { return HasRun("end waits"); }));
   std::string const runs = FileBytes("runs");
   EXPECT_LT(runs.find("end hold"), runs.find("run waits"));
+}
+
+TEST_F(DispatcherTest, RootThatStrangersCanWriteInIsRefused) {
+  ASSERT_EQ(chmod(root.c_str(), 0777), 0);
+  int status = 0;
+  ASSERT_GT(waitpid(Spawn(), &status, 0), 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), EX_CONFIG);
+  EXPECT_TRUE(Logged("others can write in " + root));
 }
 
 TEST_F(DispatcherTest, SecondDispatcherOnOneRootRefusesToStart) {

@@ -10,7 +10,7 @@ TEST(NotificationTest, FiveFieldsAreTakenInOrder) {
   EXPECT_EQ(told.name, "20261124.AAA1@h");
   EXPECT_EQ(told.function, "SMTP-Router");
   EXPECT_EQ(told.priority, 1);
-  ASSERT_TRUE(ParseNotification("n\nkey\nM\nError\n", "key", told));
+  ASSERT_TRUE(ParseNotification(std::string(242, 'n') + "\nkey\nM\nError\n", "key", told));
   EXPECT_EQ(told.priority, kLowestPriority);
 }
 
@@ -32,7 +32,7 @@ TEST(NotificationTest, HostileDatagramIsNeverObeyed) {
       {".hidden\nkey\nM\nMail\n1", "leading dot"},
       {std::string("a\0b\nkey\nM\nMail\n1", 17), "NUL in the name"},
       {"a\x81\nkey\nM\nMail\n1", "control byte with the top bit"},
-      {std::string(201, 'n') + "\nkey\nM\nMail\n1", "name too long"},
+      {std::string(243, 'n') + "\nkey\nM\nMail\n1", "name too long for its files"},
       {"n\nkey\n../sh\nMail\n1", "module path"},
       {"n\nkey\n-M\nMail\n1", "module that looks like an option"},
       {"n\nkey\n\nMail\n1", "no module"},

@@ -211,6 +211,10 @@ TEST_F(ErrorHandlerTest, SettingsHoldAnErrorUntilItIsReleased) {
   PutRecord("SMTP-Router:ProcessMailAllError (SideLined)", to);
   (void)Pass();
   EXPECT_TRUE(Exists("deferred/Sideline/m-Control")) << "where the judge would have put it";
+  ClearSpool();
+  PutRecord("SMTP-Router:Run (ModuleDied)", to);
+  (void)Pass();
+  EXPECT_TRUE(Exists("deferred/Held/m-Control")) << "no fault of the sender's";
 }
 
 TEST_F(ErrorHandlerTest, DelayIsToldOnceAndTheMessageGoesOn) {

@@ -68,7 +68,7 @@ TEST_F(ReturnRoadTest, SenderFindsTheReportInItsMailbox) {
             "Reply-To: Mail Administrator<Postmaster@mail.example.org>\r\n"
             "Subject: Mail System Error - Returned Mail\r\nDate: DATE\r\nMessage-ID: <NAME>\r\nMIME-Version: 1.0\r\n"
             "Content-Type: multipart/report; report-type=delivery-status;\r\n\t\tBoundary=\"BOUNDARY\"\r\n"
-            "Content-Transfer-Encoding: 7bit\r\nAuto-Submitted: auto-replied\r\n\r\n"
+            "Content-Transfer-Encoding: 7bit\r\nAuto-Submitted: auto-replied\r\nPrecedence: bulk\r\n\r\n"
             "\r\n--BOUNDARY\r\nContent-Type: text/plain; charset=iso-2022-jp\r\nContent-Transfer-Encoding: 7bit\r\n\r\n"
             "This Message was undeliverable due to the following reason:\r\n\r\n"
             "There is no such address here.\r\n\r\n    nobody@example.org\r\n    no.one@example.org\r\n\r\n"

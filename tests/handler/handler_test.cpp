@@ -2,6 +2,8 @@
 
 #include "brenthaven/router/smtprouter.h"
 
+#include <gmock/gmock.h>
+
 #include "tests/mailbox/mail_fixture.h"
 #include "tests/platform/callhook.h"
 
@@ -199,6 +201,106 @@ TEST_F(HandlerTest, WaitingRecipientKeepsACopyOfItsOwn) {
   SMailboxDeliverModule().ProcessQueue();
   EXPECT_EQ(Stored("late"), Texts{Plain()});
   EXPECT_EQ(Stored("ann"), Texts{Plain()});
+}
+
+// A disk without room is found only after the copy was made in memory: it must be in a file before it waits, as the
+// message that it came from goes.
+TEST_F(HandlerTest, FullDiskInThisProcessKeepsEveryRecipient) {
+  for (bool alone : {true, false}) {
+    ClearSpool();
+    AddAccount("ann", {{"Local-Delivery", alone ? Texts{"Mailbox"} : Texts{"Mailbox", "Shelf"}}});
+    PutMail("m", {"Account-To: ann"});
+    setenv("MinFreeDiskSpaceKB", "1e15", 1);
+    EXPECT_EQ(Handle("m"), kModuleDone);
+    std::string const waiting =
+        alone ? "deferred/Mailbox-Deliver/m-Control" : "deferred/Mailbox-Deliver/m-Mailbox-Control";
+    EXPECT_EQ(Field(waiting, "Deliver-To:"), Texts{"Mailbox ann"}) << alone;
+    EXPECT_EQ(Field(waiting, "Function:"), Texts{"Mailbox-Deliver"}) << alone;
+    EXPECT_EQ(Controls(), alone ? "" : "m Shelf-Deliver: Shelf ann") << alone;
+    unsetenv("MinFreeDiskSpaceKB");
+    SMailboxDeliverModule().ProcessQueue();
+    EXPECT_EQ(Stored("ann"), Texts{Plain()}) << alone;
+  }
+}
+
+// Accounts with a judge of their own have a file of their own. One that can't be made ends the delivery, and what was
+// stored from the other by then is done, and the rest is not.
+TEST_F(HandlerTest, DeliveryThatEndsAmidItsListKeepsTheRest) {
+  AddAccount("ann");
+  AddAccount("bob", {{"QJ-Judge-Enabled", {"yes"}}});
+  AddAccount("carl");
+  PutMail("m", {"Deliver-To: Mailbox ann", "Deliver-To: Mailbox bob", "Deliver-To: Mailbox carl"});
+  {
+    SAccountHandlerModule module;
+    ASSERT_EQ(module.LoadEnv(), 1u);
+    std::string const target = Folder("bob");
+    struct Context {
+      std::string folder;
+      int refusals;
+    } context = {target.substr(0, target.size() - 1), 1};
+    sys::SetHook(
+        [](sys::CallInfo const &call, void *data) {
+          auto *const fault = static_cast<Context *>(data);
+          return std::string(call.name) == "mkdir" && std::string_view(call.path).ends_with(fault->folder) &&
+                         fault->refusals-- > 0
+                     ? EACCES
+                     : 0;
+        },
+        &context);
+    EXPECT_EQ(module.ProcessMessageName("m"), kModuleDone);
+    sys::SetHook(nullptr, nullptr);
+    EXPECT_LT(context.refusals, 1);
+  }
+  EXPECT_EQ(Reports(), Texts{"Mailbox-Deliver:SubstanceFile (NotDefined)"});
+  EXPECT_EQ(Field("deferred/Mailbox-Deliver/m-Control", "Deliver-To:"), (Texts{"Mailbox bob", "Mailbox carl"}));
+  EXPECT_EQ(Field("deferred/Mailbox-Deliver/m-Control", "Deliver-To!"), Texts{"Mailbox ann"});
+  SMailboxDeliverModule().ProcessQueue();
+  for (char const *uid : {"ann", "bob", "carl"}) EXPECT_EQ(Stored(uid), Texts{Plain()}) << uid;
+}
+
+// A report on names that nobody has, which can't be written, is no report: the names stay to be looked up.
+TEST_F(HandlerTest, ReportThatCannotBeWrittenKeepsTheUnknownName) {
+  AddAccount("ann", {{"Local-Delivery", {"Shelf"}}});
+  PutMail("m", {"Account-To: ann", "Account-To: nobody"});
+  {
+    SAccountHandlerModule module;
+    ASSERT_EQ(module.LoadEnv(), 1u);
+    sys::SetHook(
+        [](sys::CallInfo const &call, void *) {
+          return std::string(call.name) == "rename" && std::string(call.path).ends_with("m-Unknown-Control.temp")
+                     ? ENOSPC
+                     : 0;
+        },
+        nullptr);
+    EXPECT_EQ(module.ProcessMessageName("m"), kModuleDone);
+    sys::SetHook(nullptr, nullptr);
+  }
+  EXPECT_THAT(Field("deferred/Account-Handler/m-Control", "Account-To:"), testing::Contains("nobody"));
+  EXPECT_FALSE(Exists("control/m-Unknown-Control"));
+  EXPECT_FALSE(Exists("messages/m-Unknown-Header"));
+}
+
+// It is the end of the message all the same, since a module that has served its entry passes on no others.
+TEST_F(HandlerTest, EntriesThatEndWithTheirMessageAreLogged) {
+  struct {
+    Texts lines;
+    std::string left;
+  } const rows[] = {
+      {{"Module-To: A-Handler x", "Module-To! A-Handler x", "Channel-To: SMTP <a@far.example>",
+        "Manager-To: B-Manager"},
+       "SMTP <a@far.example>,B-Manager"},
+      {{"Channel-To: SMTP <a@b>", "Channel-To! SMTP <a@b>", "Manager-To: B-Manager"}, "B-Manager"},
+      {{"Channel-To: SMTP <a@b>", "Channel-To! SMTP <a@b>", "Manager-To: B-Manager", "Manager-To! B-Manager"}, ""},
+  };
+  for (auto const &[lines, left] : rows) {
+    PutMail("m", lines);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Handle("m"), kModuleDone);
+    std::string const log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log.substr(std::min(log.find(':'), log.size())),
+              left.empty() ? "" : ":Account-Handler:Not handed on:m:" + left + "\n");
+    EXPECT_EQ(Files("control"), Texts{});
+  }
 }
 
 TEST_F(HandlerTest, CopyOfAnEarlierPassIsNotOverwritten) {

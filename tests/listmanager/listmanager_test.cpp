@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "brenthaven/accounts/special.h"
+#include "brenthaven/listmanager/runner.h"
 #include "brenthaven/lists/slistactions.h"
 #include "brenthaven/lists/sliststate.h"
 #include "brenthaven/spool/keys.h"
@@ -349,6 +350,32 @@ TEST_F(ListManagerTest, CommandThatFailsForNowWaitsAndTheOthersAreNotRepeated) {
   ASSERT_EQ(utimensat(AT_FDCWD, Path("messages/" + old + "-Header").c_str(), times, 0), 0);
   EXPECT_EQ(Run(old), kModuleDone);
   EXPECT_EQ(Words(Unframed(TakeSent().answers.at(0))), "TempFail");
+}
+
+TEST_F(ListManagerTest, NothingIsAnsweredFromAccountsThatCannotBeRead) {
+  SListManagerModule module;
+  SListCommandRunner runner(module, S821Address(kJo), "news");
+  struct {
+    char const *line, *file;  // the file that the answer comes from
+  } const rows[] = {
+      {"which", "config/BTAccounts.i"},
+      {"lists", "config/BTAccounts.i"},
+      {"info news", "config/BTAccounts.a"},
+      {"approve sesame who news", "config/BTAccounts.i"},
+      {"approve sesame accept p1 news", "config/BTAccounts.a"},
+  };
+  for (auto const &row : rows) {
+    SListCommand command;
+    SListOutcome outcome;
+    ASSERT_EQ(ParseListCommand(row.line, command), SListParse::kCommand) << row.line;
+    SAccountBase::ClearReadFailed();
+    EXPECT_NE(runner.Run(command, outcome), kListTempFail) << row.line;
+    std::string const sound = FileBytes(row.file);
+    PutFile(row.file, std::string(sound.size(), 'x'));
+    EXPECT_EQ(runner.Run(command, outcome), kListTempFail) << row.line;
+    EXPECT_EQ(Text(outcome.key), "TempFail") << row.line;
+    PutFile(row.file, sound);
+  }
 }
 
 TEST_F(ListManagerTest, AnswerThatCannotBeWrittenLeavesTheRequestAndItsOutcome) {

@@ -1,6 +1,7 @@
 // Subscribing and leaving, from the request to the account store, the list's state and the mail in the spool.
 #include "brenthaven/lists/listtexts.h"
 #include "brenthaven/lists/slistkey.h"
+#include "brenthaven/platform/sys.h"
 #include "tests/lists/list_fixture.h"
 
 using ::testing::ElementsAre;
@@ -387,6 +388,35 @@ TEST_F(ActionsTest, StateThatCannotBeReadOrWrittenChangesNoSubscription) {
   EXPECT_EQ(Str(SListDB().GetSubscriberUID(S821Address(kRita))), "") << "the new account is gone again";
   EXPECT_EQ(FileBytes("listdata/news-list"), good);
   EXPECT_EQ(SListActions(nullptr, "news", S821Address(kRita)).Subscribe(1), kListSuccess) << "all is as it was";
+}
+
+TEST_F(ActionsTest, UnreadableAccountsAreNeitherAMissingListNorAnOpenOne) {
+  Put("news-list", {{"List-Verify-Subscriptions", {"no"}}, {"List-Local-Subscriber-Policy", {"closed"}}});
+  EXPECT_EQ(Subscribe(kAnn), kListRequestDenied);
+  std::string const index = FileBytes("config/BTAccounts.i");
+  PutFile("config/BTAccounts.i", std::string(index.size(), 'x'));
+  EXPECT_EQ(Subscribe(kAnn), kListTempFail);
+  EXPECT_EQ(Unsubscribe(kAnn), kListTempFail);
+  PutFile("config/BTAccounts.i", index);
+  // Descriptors are used up for so many opens of the attributes, from the first request for one on.
+  for (int failures = 1; failures < 30; ++failures) {
+    SAccountBase::ClearReadFailed();
+    SListActions actions(&module, "news", S821Address(kAnn));
+    int left = failures;
+    sys::SetHook(
+        [](sys::CallInfo const &call, void *count) {
+          bool const isOpen =
+              std::string_view(call.name) == "open" && std::string_view(call.path).ends_with("BTAccounts.a");
+          return isOpen && (*static_cast<int *>(count))-- > 0 ? EMFILE : 0;
+        },
+        &left);
+    SAccountDB().DBReOpen();
+    EXPECT_THAT(actions.Subscribe(0), ::testing::AnyOf(kListTempFail, kListRequestDenied)) << failures;
+    sys::SetHook(nullptr, nullptr);
+    EXPECT_THAT(TakeMails(), IsEmpty()) << failures << ": no key for what will be refused";
+  }
+  SAccountBase::ClearReadFailed();
+  EXPECT_EQ(Subscribe(kAnn), kListRequestDenied);
 }
 
 TEST_F(ActionsTest, BatchKeepsLimitsAndSharesTheState) {

@@ -1,5 +1,8 @@
+#include <set>
+
 #include "tests/mailbox/mail_fixture.h"
 #include "tests/platform/callhook.h"
+#include "tests/store/process.h"
 
 namespace {
 
@@ -151,6 +154,30 @@ TEST_F(DeliveryTest, MessageWithoutDeliveriesBecomesAReport) {
             Texts{"Mailbox-Deliver:DeliverMessage (BadControlFile)|No deliveries listed in control file"});
 }
 
+// A file of the same name and size counts as the message itself, so two messages with one name would be one message
+// lost. Child processes start with the counter of their parent.
+TEST_F(DeliveryTest, NamesOfStoredMessagesMeetInNoTwoModulesOrProcesses) {
+  constexpr int kNames = 500;
+  std::set<std::string> names;
+  SMailboxDeliverModule first, second;
+  for (int i = 0; i < kNames; ++i)
+    for (SMailboxDeliverModule *module : {&first, &second}) names.insert(Text(module->NewMessageID()));
+  std::vector<std::unique_ptr<Peer>> children;
+  for (std::string const file : {"names1", "names2", "names3"})
+    children.push_back(std::make_unique<Peer>([&, file](Peer &) {
+      std::string text;
+      for (int i = 0; i < kNames; ++i) text += Text(first.NewMessageID()) + "\n";
+      PutFile(file, text);
+      return 0;
+    }));
+  for (auto const &child : children) EXPECT_EQ(child->Result(), 0);
+  for (char const *file : {"names1", "names2", "names3"}) {
+    std::istringstream lines(FileBytes(file));
+    for (std::string name; std::getline(lines, name);) names.insert(name);
+  }
+  EXPECT_EQ(names.size(), 5u * kNames);
+}
+
 TEST_F(DeliveryTest, TwoEntriesOfOneAccountAreTwoMessages) {
   AddAccount("ann");
   PutDelivery("m", {"ann", "ann"});
@@ -295,7 +322,7 @@ TEST_F(DeliveryTest, LogNamesAccountsAndCannotBeForged) {
   testing::internal::CaptureStderr();
   module.LogDelivery("/x/m", ListOf({"Mailbox bob x", "Mailbox ann", "Mailbox bob", "odd\nline"}));
   std::string const line = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(line.substr(line.find(':')), ":" + Text(SString(getpid())) + ":m-Mailbox:ann,bob,odd?line\n");
+  EXPECT_EQ(line.substr(line.find(':')), ":" + Text(SString(getpid())) + ":m-Mailbox:ann,bob,odd\\x0aline\n");
 }
 
 TEST_F(DeliveryTest, OneMailboxIsTwoSyncsAndManyAreOne) {

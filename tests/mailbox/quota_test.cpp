@@ -29,6 +29,7 @@ TEST_F(SizeFileTest, RecordsReadAsNumberAndFlagsAndAreCutToTheirNewLength) {
       {"what", -1, false, false, "0"},
       {"99999999999999999999", -1, false, false, "0"},
       {std::string(40, '7'), -1, false, false, "0"},
+      {"9223372036854775807", 4'000'000'000'000'000'000, false, false, "4000000000000000001"},
   };
   for (auto const &test : kCases) {
     PutFile("in/__size__", test.text);
@@ -200,6 +201,32 @@ TEST_F(QuotaTest, LockThatIsRefusedIsATemporaryFailure) {
   ASSERT_EQ(Reports().size(), 1u);
   EXPECT_NE(Reports(true)[0].find("|Can't lock size file for " + Path(Folder("ann"))), std::string::npos);
   EXPECT_EQ(Stored("ann"), Texts{});
+}
+
+// The default is what an account without a quota of its own has, and that is what an account in a damaged file looks
+// like.
+TEST_F(QuotaTest, NobodyIsRefusedForGoodByAQuotaThatCouldNotBeRead) {
+  AddAccount("ann", {{"Mailbox-Quota", {"1000"}}});
+  setenv("DefaultMailboxQuota", "1", 1);
+  Config("Mailbox-Deliver", "Config", "OverQuotaNotices", "yes");
+  std::string const body(5000, 'x');
+  std::string const sound = FileBytes("config/BTAccounts.a");
+  PutDelivery("m", {"ann"}, body);
+  std::function<void()> damage = [&] { PutFile("config/BTAccounts.a", std::string(sound.size(), 'x')); };
+  sys::SetHook(
+      [](sys::CallInfo const &call, void *context) {
+        bool const isBehindLookUp = std::string_view(call.path).ends_with("__size_lock__");
+        if (isBehindLookUp) (*static_cast<std::function<void()> *>(context))();
+        return 0;
+      },
+      &damage);
+  Deliver("m");
+  sys::SetHook(nullptr, nullptr);
+  EXPECT_EQ(Reports(), Texts{"Mailbox-Deliver:DeliverMessage (DeliveryErrors)"});
+  EXPECT_EQ(Stored("ann"), Texts{}) << "nor is the owner told of a full mailbox";
+  PutFile("config/BTAccounts.a", sound);
+  SMailboxDeliverModule().ProcessQueue();
+  EXPECT_EQ(Stored("ann"), Texts{Plain(body)});
 }
 
 TEST_F(QuotaTest, WritersOfOneMailboxCountEveryMessage) {

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -110,6 +111,20 @@ TEST_F(MxQueryTest, WrongIDCostsATryAndANewSend) {
   server.Stop();
   ASSERT_EQ(server.queries.size(), 9U);
   EXPECT_EQ(server.queries[0], server.queries[8]) << "the query is built once";
+}
+
+// Whoever can guess both answers in the server's place. Chance alone repeats a few of either.
+TEST_F(MxQueryTest, EachQueryHasAPortAndAnIDThatNobodyCanTell) {
+  START_SERVER(server, "127.0.0.29",
+               [](std::string const &query, int) { return std::vector{Answer(query, OneExchange())}; });
+  constexpr size_t kQueries = 32;
+  for (size_t i = 0; i < kQueries; ++i) EXPECT_EQ(Ask("127.0.0.29"), "1|00010 mx.example.org [10.0.0.1]");
+  server.Stop();
+  std::set<int> const ports(server.ports.begin(), server.ports.end());
+  std::set<std::string> ids;
+  for (std::string const &query : server.queries) ids.insert(query.substr(0, 2));
+  EXPECT_GT(ports.size(), kQueries / 2);
+  EXPECT_GT(ids.size(), kQueries / 2);
 }
 
 TEST_F(MxQueryTest, ReplyToTheTenthTryCountsAsNone) {

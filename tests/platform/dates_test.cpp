@@ -51,6 +51,8 @@ TEST(Dates, LogDateIsANumber) {
 TEST(Environment, SettingIsReadBack) {
   PutEnv("BrenthavenTest", "a value");
   EXPECT_TRUE(GetEnv("BrenthavenTest") == "a value");
+  PutEnv("BrenthavenTest", SString("cut\0off", 7));
+  EXPECT_TRUE(GetEnv("BrenthavenTest") == "a value");
   PutEnv("BrenthavenTest", SString());
   EXPECT_TRUE(GetEnv("BrenthavenTest") == "");
 }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "brenthaven/platform/descriptor.h"
+#include "brenthaven/platform/logtext.h"
 #include "brenthaven/text/base.h"
 #include "tests/platform/callhook.h"
 #include "tests/support/scratch.h"
@@ -211,6 +212,25 @@ TEST_F(FilesTest, FailedRemovalIsLogged) {
   EXPECT_EQ(RemoveFileLogged(P("messages")), 0U);
   EXPECT_EQ(RemoveFileLogged(P("file")), 1U);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(LogTextTest, TextFromOutsideMakesNoLineOfItsOwnAndNoEndlessOne) {
+  EXPECT_EQ(LogText("plain: <a\\b@c> caf\xc3\xa9"), "plain: <a\\b@c> caf\xc3\xa9");
+  EXPECT_EQ(LogText(std::string_view("a\r\nb\0\x1b[2J\x7f", 10)), "a\\x0d\\x0ab\\x00\\x1b[2J\\x7f");
+  EXPECT_EQ(LogText(std::string(1000, 'x')), std::string(1000, 'x'));
+  EXPECT_EQ(LogText(std::string(1001, 'x')), std::string(1000, 'x') + "...");
+  EXPECT_EQ(LogText(std::string(997, 'x') + "\n"), std::string(997, 'x') + "...") << "no half of an escape";
+}
+
+TEST_F(FilesTest, LockIsNotTakenThroughASymbolicLink) {
+  PutFile("victim", "");
+  ASSERT_EQ(symlink("victim", Path("lock").c_str()), 0);
+  ASSERT_EQ(symlink("made", Path("dangling").c_str()), 0);
+  for (char const *name : {"lock", "dangling"}) {
+    EXPECT_EQ(LockFile(P(name), 0, 0, 1), HandleOf(-1)) << name;
+    EXPECT_EQ(errno, ELOOP) << name;
+  }
+  EXPECT_FALSE(Exists("made"));
 }
 
 TEST_F(FilesTest, LockModes) {

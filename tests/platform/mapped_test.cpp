@@ -52,6 +52,9 @@ TEST_F(MappedTest, EmptyFileIsOKWithoutText) {
 TEST_F(MappedTest, WhatIsNoFileOrTooLargeIsNotOK) {
   EXPECT_FALSE(SMappedFile(P("none")).IsOK());
   EXPECT_FALSE(SMappedFile(P("messages")).IsOK());
+  PutFile("file", "text");
+  ASSERT_EQ(symlink("file", Path("link").c_str()), 0);
+  EXPECT_FALSE(SMappedFile(P("link")).IsOK());
   PutFile("huge", "");
   ASSERT_EQ(truncate(Path("huge").c_str(), off_t{1} << 30), 0);
   EXPECT_FALSE(SMappedFile(P("huge")).IsOK());

@@ -1,3 +1,9 @@
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+
 #include "tests/road/road_fixture.h"
 
 class AskTest : public RoadTest {
@@ -36,6 +42,32 @@ TEST_F(AskTest, RunningRouterSaysWhoseAnAddressIs) {
   }
   EXPECT_EQ(Good({"ask", "--json", "ann@example.org"}),
             "{\n  \"address\": \"<ann@example.org>\",\n  \"accounts\": [\n    \"ann\"\n  ],\n  \"channels\": []\n}\n");
+  ExpectNoFiles();
+}
+
+// Anybody on the host can send the byte that says that the answer is there.
+TEST_F(AskTest, WordOfAnAnswerThatNoModuleWroteIsNone) {
+  int const ear = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  struct sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto *const plain = reinterpret_cast<struct sockaddr *>(&address);
+  ASSERT_EQ(bind(ear, plain, length), 0);
+  ASSERT_EQ(getsockname(ear, plain, &length), 0);
+  PutFile("run/dispatcher", "DispatchSocket=" + std::to_string(ntohs(address.sin_port)) + "\nDispatchKey=k\n");
+  Program asker(COMMAND_PROGRAM, {"brenthaven", "ask", "ann@example.org"});
+  char notice[1024];
+  ssize_t const heard = recv(ear, notice, sizeof notice, 0);
+  ASSERT_GT(heard, 0);
+  std::string const name(notice, std::find(notice, notice + heard, '\n'));
+  std::string const request = FileBytes("control/" + name + "-Control");
+  address.sin_port = htons(static_cast<uint16_t>(std::stoi(request.substr(request.find("Return-Path: ") + 13))));
+  EXPECT_EQ(sendto(ear, "0", 1, 0, plain, sizeof address), 1);
+  close(ear);
+  ProgramRun const run = asker.Wait();
+  EXPECT_EQ(run.code, EX_TEMPFAIL);
+  EXPECT_EQ(run.err, "brenthaven: SMTP-Router gave no answer; is its dispatcher at work?\n");
   ExpectNoFiles();
 }
 

@@ -90,16 +90,47 @@ TEST_F(ControlTest, DeferralGoesUnderHostAndCount) {
   }
 }
 
-TEST_F(ControlTest, HostThatLeadsElsewhereIsNotDeferredAndStays) {
-  for (char const *host : {"..", ".", "a/../../x", "a\\b"}) {
+TEST_F(ControlTest, HostThatLeadsElsewhereIsDeferredInItsPlaceAndKept) {
+  struct Case {
+    std::string host, directory;
+  };
+  Case const cases[] = {{"..", "_."},
+                        {".", "_"},
+                        {"../../control", "_._.._control"},
+                        {"a/../../x", "a_.._.._x"},
+                        {"a\\b", "a_b"},
+                        {std::string("a\0b", 3), "a_b"},
+                        {std::string(300, 'h'), std::string(200, 'h')}};
+  for (auto const &[host, directory] : cases) {
     SCOPED_TRACE(host);
     SControl waiting("c");
-    waiting[kKeyHostTo] = host;
-    ASSERT_EQ(waiting.Write(), 1);
-    EXPECT_EQ(waiting.Defer(), 0);
-    EXPECT_EQ(waiting.Defer(1), 0);
-    EXPECT_TRUE(Exists("control/c-Control"));
+    waiting.SetModuleName("Probe");
+    waiting[kKeyHostTo] = SString(host);
+    for (std::string const &count : {std::string(), std::string(",7")}) {
+      std::string const place = "deferred/Probe/" + directory + count + "/c-Control";
+      ASSERT_EQ(waiting.Write(), 1);
+      EXPECT_EQ(count.empty() ? waiting.Defer() : waiting.Defer(7), 1);
+      SControl read;
+      ASSERT_EQ(read.Read(SString(Path(place))), 1) << place;
+      EXPECT_EQ(Str(read.Get(kKeyHostTo).Get(0)), host);
+      std::filesystem::remove(Path(place));
+    }
   }
+}
+
+// A link that somebody has put in the place of a message's file must not bring another file to a reader of mail.
+TEST_F(ControlTest, SymbolicLinkIsNoFileOfAMessage) {
+  PutFile("secret", "Function: Probe\r\n");
+  for (char const *file : {"control/m-Control", "messages/m-Header", "messages/m-Body"})
+    std::filesystem::create_symlink(Path("secret"), Path(file));
+  control.PutFilename("m");
+  EXPECT_EQ(control.Read(), 0);
+  EXPECT_EQ(errno, ELOOP);
+  SHeader header;
+  SMessageContent content;
+  EXPECT_EQ(control.ReadHeader(&header), 0U);
+  EXPECT_EQ(control.ReadHeader(content), 0U);
+  EXPECT_EQ(control.ReadBody(content), 0U);
 }
 
 TEST_F(ControlTest, DeferralMakesItsDirectoryAgainWhenAWalkDroppedIt) {
@@ -234,10 +265,13 @@ TEST_F(ControlTest, MessageInMemoryIsReadThereAndFlushedByTheCommit) {
   SMessageContent content;
   ASSERT_EQ(control.ReadBody(content), 1U);
   EXPECT_EQ(Str(content.GetText()), "text");
+  EXPECT_EQ(control.CloseHeaderBody(), 1U);
   EXPECT_EQ(CountIn("messages"), 0);
+  ASSERT_EQ(control.ReadBody(content), 1U) << "closing must not lose the only copy";
 
   ASSERT_EQ(control.Write(), 1);
   EXPECT_EQ(FileBytes("messages/m-Header"), "Subject: changed\r\n");
+  EXPECT_EQ(FileBytes("messages/m-Body"), "text");
   ASSERT_EQ(control.ReadHeader(content), 1U);  // now from the file
   EXPECT_EQ(Str(content.GetText()), "Subject: changed\r\n");
 }

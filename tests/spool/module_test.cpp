@@ -1,6 +1,8 @@
 #include "brenthaven/spool/module.h"
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include "brenthaven/spool/keys.h"
 #include "tests/spool/spooltest.h"
@@ -48,6 +50,32 @@ TEST_F(ModuleTest, WordsOnTheCommandLineDecideInTheirOrder) {
   EXPECT_EQ(Run({"messagefile", "x"}), kModuleDone);  // words are compared exactly: the environment decides
   EXPECT_THAT(seen, ElementsAre("queued", "x", "env"));
   EXPECT_EQ(Strs(probe.GetArguments()), (std::vector<std::string>{"/usr/libexec/Probe", "messagefile", "x"}));
+}
+
+TEST_F(ModuleTest, RootThatStrangersCanWriteInIsRefused) {
+  PutControl("x", "Probe");
+  for (mode_t mode : {mode_t{0777}, mode_t{01777}, mode_t{0702}}) {
+    ASSERT_EQ(chmod(root.c_str(), mode), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(Run({"MessageFile", "x"}), kModuleNoEnvironment);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(":Probe:ERROR:others can write in " + root));
+  }
+  EXPECT_THAT(seen, IsEmpty());
+  ASSERT_EQ(chmod(root.c_str(), 0775), 0);
+  EXPECT_EQ(Run({"MessageFile", "x"}), kModuleDone);
+  EXPECT_THAT(seen, ElementsAre("x"));
+}
+
+TEST_F(ModuleTest, ProcessLeavesNoCoreAndMakesNothingForStrangers) {
+  struct rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_CORE, &limit), 0);
+  limit.rlim_cur = limit.rlim_max;
+  ASSERT_EQ(setrlimit(RLIMIT_CORE, &limit), 0);
+  (void)umask(0);
+  EXPECT_EQ(Run({"VerifyEnvironment"}), kModuleDone);
+  EXPECT_EQ(umask(022), 007U);
+  ASSERT_EQ(getrlimit(RLIMIT_CORE, &limit), 0);
+  EXPECT_LE(limit.rlim_cur, 1U);
 }
 
 TEST_F(ModuleTest, EachReasonNotToProcessHasItsCodeAndLeavesTheFile) {

@@ -68,6 +68,19 @@ TEST_F(NoticeTest, NothingIsSentWithoutPortOrKey) {
   EXPECT_EQ(ear.Next(), "");
 }
 
+// A line end in a field would move what stands behind it into the next one: another module, told of another file.
+TEST_F(NoticeTest, FieldWithALineOfItsOwnIsNotSent) {
+  DispatcherEar ear;
+  SControl named("a\nkey\nEvil-Module\nMail\n1");
+  EXPECT_EQ(named.Notify(), 0);
+  for (char const *key : {kKeyFunction, kKeyControlType, kKeyPriority}) {
+    SControl folded = control;
+    folded[key] = "x\r\n y";
+    EXPECT_EQ(folded.Notify(), 0) << key;
+  }
+  EXPECT_EQ(ear.Next(), "");
+}
+
 TEST_F(NoticeTest, PortsAreTruncatedBeforeTheirRangeIsTested) {
   struct Case {
     char const *text;
@@ -95,6 +108,7 @@ TEST_F(NoticeTest, AskBringsTheAnswersFieldsAndLeavesNoFile) {
   SRequest request;
   request["Address:"] = "a@example.org";
   EXPECT_EQ(request.Ask("Oracle", 10), 1);
+  EXPECT_TRUE(request.IsAnswered());
   EXPECT_TRUE(answerer.Done());
   EXPECT_EQ(Str(request.Get("Address!").Get(0)), "a@example.org");
   EXPECT_FALSE(request.Get("Address:").Defined());
@@ -117,6 +131,13 @@ TEST_F(NoticeTest, AskEndsWithItsTimeOrAWrongAnswerAndLeavesNoFile) {
   EXPECT_EQ(request.Ask("Oracle", 10), 0);
   EXPECT_TRUE(chatterbox.Done());
   EXPECT_THAT(Files(), IsEmpty());
+  Answerer const forger(ear, [](std::string const &notice) {
+    SControl seen(NameIn(notice).c_str());
+    return seen.Read() && SendDatagram(PortNumber(seen.Get(kKeyReturnPath).Get(0), 65535), "0") == 1;
+  });
+  EXPECT_EQ(request.Ask("Oracle", 10), 1);
+  EXPECT_TRUE(forger.Done());
+  EXPECT_FALSE(request.IsAnswered()) << "no module has written the file";
 }
 
 TEST_F(NoticeTest, AnswerNobodyWaitsForIsRemoved) {

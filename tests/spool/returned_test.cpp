@@ -79,7 +79,7 @@ TEST_F(ReturnedTest, MessageGoesBackAsTwoParts) {
             "Reply-To: Mail Administrator<Postmaster@mail.example.org>\r\n"
             "Subject: Mail System Error - Returned Mail\r\nDate: DATE\r\nMessage-ID: <NAME>\r\nMIME-Version: 1.0\r\n"
             "Content-Type: multipart/mixed;\r\n\t\tBoundary=\"BOUNDARY\"\r\nContent-Transfer-Encoding: 7bit\r\n"
-            "Auto-Submitted: auto-replied\r\n");
+            "Auto-Submitted: auto-replied\r\nPrecedence: bulk\r\n");
   EXPECT_EQ(New("-Body"),
             "\r\n--BOUNDARY\r\nContent-Type: text/plain; charset=iso-2022-jp\r\nContent-Transfer-Encoding: 7bit\r\n\r\n"
             "This Message was undeliverable due to the following reason:\r\n\r\n"

@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <functional>
 
 #include "brenthaven/accounts/accountdb.h"
+#include "brenthaven/spool/accept.h"
 #include "brenthaven/spool/keys.h"
 #include "tests/spool/spooltest.h"
 
@@ -128,6 +130,36 @@ TEST_F(SubmitterTest, FailureAtAnyCallLeavesNothingAndTellsWhere) {
   }
   EXPECT_THAT(places,
               ElementsAre("MakeBody BodyWriteFail", "MakeHeader HeaderWriteFail", "MakeControl ControlWriteFail"));
+}
+
+TEST_F(SubmitterTest, WhatNoSubmissionFromOutsideMayBeIsRefused) {
+  struct Case {
+    char const *want;
+    std::function<void(SSubmitter &)> change;
+  };
+  SStringList many;
+  for (int i = 0; i <= SAcceptance::kMaxRecipients; ++i) many.Push("uid");
+  Case const cases[] = {
+      {"TooManyRecipients", [&many](SSubmitter &s) { s.SetRecipientUIDs(many, "All"); }},
+      {"HeaderTooLarge",
+       [](SSubmitter &s) { s.SetSubject(SString('x', static_cast<int>(SAcceptance::kMaxHeaderBytes))); }},
+      {"TooManyFields",
+       [](SSubmitter &s) {
+         for (int i = 0; i < SAcceptance::kMaxHeaderFields; ++i) s.AddHeader("X-Field:", "y");
+       }},
+  };
+  for (auto const &[want, change] : cases) {
+    SSubmitter message(&module);
+    message.SetRecipientUIDs(SStringList("ann"), "Ann");
+    change(message);
+    EXPECT_EQ(message.Submit(&error), 0U) << want;
+    EXPECT_EQ(Str(error.Get(1)), want);
+    EXPECT_THAT(Files(), IsEmpty()) << want;
+  }
+  (void)many.Pop();
+  SSubmitter largest(&module);
+  largest.SetRecipientUIDs(many, "All");
+  EXPECT_EQ(largest.Submit(&error), 1U);
 }
 
 TEST_F(SubmitterTest, AcceptedMeansFlushedFilesThenTheControlThenTheDirectories) {

@@ -40,11 +40,17 @@ protected:
     return !store.WriteFailed();
   }
 
-  // The version that all objects have, in the attributes and in the index alike; '?' when they differ.
+  // The version that all objects have, in the attributes and in the index alike, at one moment; '?' when they differ.
   static char VersionIn(SObjectDB &store) {
+    store.LockRead();
+    char const version = WholeVersion(store);
+    store.UnlockRead();
+    return version;
+  }
+  static char WholeVersion(SObjectDB &store) {
+    char const version = store.GetStringAttrib(kVersion, "object 0")[0];
     SStringList const names = store.ListByType(1);
     if (names.Length() == 0 || store.ReadFailed()) return '?';
-    char const version = store.GetStringAttrib(kVersion, names.Get(0))[0];
     for (SString const &name : names)
       if (store.GetStringAttrib(kVersion, name) != VersionText(version) ||
           store.ListByAttrib(kName, name + " of " + VersionText(version)).Length() != 1)
@@ -59,11 +65,11 @@ protected:
   }
 
   // Runs the change to version b in a child that ends, without any clean-up, at its n-th call of the file layer.
-  static int CrashAt(std::string const &call, int number) {
+  static int CrashAt(std::string const &call, int number, int objects = 2 * kObjects) {
     Peer child([&](Peer &) {
       SCallHook hook(call, number, SCallHook::kCrash);
       SObjectDB store("T.", 0, kTable);
-      Change(store, 'b', 2 * kObjects);
+      Change(store, 'b', objects);
       return 0;
     });
     return child.Result();
@@ -98,6 +104,18 @@ TEST_F(JournalTest, AProcessThatEndsAtAnyCallLeavesAllOfASectionOrNothing) {
     ASSERT_TRUE(now == 'b' || VersionNow() == 'c');
   }
   EXPECT_EQ(seen.size(), 2u);
+}
+
+// A change that makes neither file longer leaves no sign on a tree until its own pages come.
+TEST_F(JournalTest, AReadSectionHasOneStateThoughAWriterDiedBetweenTheTrees) {
+  Start();
+  for (int number = 1, ended = -1; ended != 0; ++number) {
+    Restore();
+    SObjectDB open("T.", 0, kTable);
+    ASSERT_EQ(VersionIn(open), 'a');
+    ended = CrashAt("", number, kObjects);
+    ASSERT_NE(VersionIn(open), '?') << "call " << number;
+  }
 }
 
 TEST_F(JournalTest, FinishingASectionMayBeCutShortAnywhereAsWell) {

@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "tests/store/process.h"
@@ -211,17 +212,67 @@ TEST_F(RegistryTest, AnotherRootAnotherStoreAndAReplacedFileIsNoticed) {
 TEST_F(RegistryTest, DamageRaisesTheFlagAndIsNotAbsence) {
   Set(Create("A"), "v", "1");
   std::string const sound = FileBytes(file);
-  for (std::string const &bytes : {std::string(5000, 'x'), std::string(sound).replace(0, 16, 16, '\0'),
-                                   sound.substr(0, 4096) + std::string(sound.size() - 4096, '\x55')}) {
+  std::string fault = "?";
+  EXPECT_EQ(RegCheckStore(fault), ERROR_SUCCESS);
+  EXPECT_EQ(fault, "");
+  for (std::string const &bytes :
+       {std::string(5000, 'x'), std::string(sound).replace(0, 16, 16, '\0'),
+        sound.substr(0, 4096) + std::string(sound.size() - 4096, '\x55'),
+        sound.substr(0, 4096) + std::string(sound.size() - 4096, '\0'), sound.substr(0, 4096)}) {
     std::filesystem::remove(Path(file));
     PutFile(file, bytes);
     RegClearReadFailed();
     EXPECT_EQ(OpenStatus("A"), ERROR_CANTREAD);
     EXPECT_TRUE(RegReadFailed());
+    EXPECT_EQ(RegCheckStore(fault), ERROR_CANTREAD);
+    EXPECT_NE(fault, "");
     HKEY key = nullptr;
     EXPECT_NE(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "B", 0, nullptr, 0, KEY_READ, nullptr, &key, nullptr), ERROR_SUCCESS);
     EXPECT_EQ(FileBytes(file), bytes);
   }
+}
+
+// Reads of one section pass by a page of another one that is damaged.
+TEST_F(RegistryTest, DamageThatNoReadMeetsIsFoundByTheCheck) {
+  HKEY const key = Create("A");
+  Set(key, "v", "1");
+  for (int i = 0; i < 200; ++i) Set(Create("Z"), std::to_string(i).c_str(), std::string(500, 'z'));
+  std::string const sound = FileBytes(file);
+  std::filesystem::remove(Path(file));
+  PutFile(file, sound.substr(0, sound.size() - 4096) + std::string(4096, '\0'));
+  EXPECT_EQ(Get(key, "v"), "1");
+  EXPECT_FALSE(RegReadFailed());
+  std::string fault;
+  EXPECT_EQ(RegCheckStore(fault), ERROR_CANTREAD);
+  EXPECT_NE(fault, "");
+}
+
+TEST_F(RegistryTest, FileThatOthersCanReadIsRefusedUntilItIsClosed) {
+  HKEY const key = Create("A");
+  Set(key, "v", "1");
+  std::string fault;
+  for (mode_t const mode : {0664, 0662, 0666}) {
+    ASSERT_EQ(chmod(Path(file).c_str(), mode), 0);
+    RegClearReadFailed();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(OpenStatus("A"), ERROR_CANTREAD);
+    EXPECT_EQ(Get(key, "v"), "status 1012") << "nor by a handle that is open";
+    EXPECT_EQ(Set(key, "v", "2"), ERROR_CANTWRITE);
+    EXPECT_EQ(RegCheckStore(fault), ERROR_CANTREAD);
+    EXPECT_TRUE(RegReadFailed());
+    std::string const told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), mode == 0664 ? 1 : 0) << "one line a process\n" << told;
+  }
+  for (mode_t const mode : {0660, 0600}) {
+    ASSERT_EQ(chmod(Path(file).c_str(), mode), 0);
+    EXPECT_EQ(Get(key, "v"), "1");
+    EXPECT_EQ(Set(key, "v", "1"), ERROR_SUCCESS);
+  }
+  HKEY routes = nullptr;  // no secrets in there
+  ASSERT_EQ(RegOpenStoreA(Path("routes").c_str(), KEY_ALL_ACCESS, &routes), ERROR_SUCCESS);
+  ASSERT_EQ(chmod(Path("routes").c_str(), 0644), 0);
+  EXPECT_EQ(Set(routes, "v", "1"), ERROR_SUCCESS);
+  RegCloseKey(routes);
 }
 
 TEST_F(RegistryTest, AKilledWriterLeavesAWholeStore) {

@@ -39,7 +39,7 @@ protected:
 std::string Text(SString const &text) { return text.Defined() ? std::string(text.View()) : "(undefined)"; }
 
 TEST_F(BTreeTest, OthersReadTheFileByteForByte) {
-  std::string const longKey(8160, 'k'), longValue(100000, 'v');
+  std::string const longKey(5429, 'k'), longValue(100000, 'v');
   Records const records = {{"a", "1"},
                            {"ab", ""},
                            {std::string("a\0\x01", 3), std::string("\0x\0", 3)},
@@ -48,7 +48,7 @@ TEST_F(BTreeTest, OthersReadTheFileByteForByte) {
   SBTree tree("t", 0);
   tree.LockWrite();
   for (auto const &[key, value] : records) EXPECT_TRUE(tree.Set(SString(key), SString(value)));
-  EXPECT_FALSE(tree.Set(SString('k', 8161), "too long to be found again"));
+  EXPECT_FALSE(tree.Set(SString('k', 5430), "too long to be found again"));
   EXPECT_TRUE(tree.Set("gone", "x"));
   EXPECT_TRUE(tree.Set("a", "0"));
   EXPECT_TRUE(tree.Set("a", "1"));  // replaces

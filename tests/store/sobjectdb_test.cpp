@@ -1,5 +1,9 @@
 #include "brenthaven/store/sobjectdb.h"
 
+#include <map>
+#include <set>
+
+#include "tests/platform/callhook.h"
 #include "tests/store/plainfile.h"
 #include "tests/store/process.h"
 #include "tests/support/scratch.h"
@@ -205,6 +209,27 @@ TEST_F(ObjectStoreTest, BackupTakesWhatIsNotYetWrittenAndKeepsTheOneBefore) {
   EXPECT_TRUE(said.starts_with("Couldn't write to destination file T.a.taken: error ")) << said;
   EXPECT_TRUE(Exists(index + ".free"));
   EXPECT_FALSE(Exists(attributes + ".taken.temp"));
+}
+
+TEST_F(ObjectStoreTest, BackupThatEndsAnywhereLeavesAWholeCopy) {
+  Put("a", kName, {"Ann"});
+  store.Backup("", "");
+  Put("b", kName, {"Bob"});
+  std::map<std::string, std::set<std::string>> whole;  // what a copy of each file may be
+  for (std::string const &file : {attributes, index}) whole[file] = {FileBytes(file + ".backup"), FileBytes(file)};
+  for (int number = 1, ended = -1; ended != 0; ++number) {
+    Peer child([number](Peer &) {
+      SCallHook const hook("", number, SCallHook::kCrash);
+      SObjectDB("T.", 0, kTable).Backup("", "");
+      return 0;
+    });
+    ended = child.Result();
+    for (auto const &[file, copies] : whole) {
+      std::string const copy = Exists(file + ".backup") ? file + ".backup" : file + ".backup.previous";
+      EXPECT_TRUE(copies.contains(FileBytes(copy))) << copy << " after call " << number;
+    }
+  }
+  for (auto const &[file, copies] : whole) EXPECT_EQ(FileBytes(file + ".backup"), FileBytes(file));
 }
 
 TEST_F(ObjectStoreTest, OtherFilesTakeEffectAtTheEndOfTheSection) {

@@ -45,6 +45,7 @@ public:
 
   bool running;
   std::vector<std::string> queries;  // to be read after Stop
+  std::vector<int> ports;            // where they came from
 
 private:
   void _Serve() {
@@ -57,6 +58,7 @@ private:
       ssize_t const got = recvfrom(_fd, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr *>(&peer), &length);
       if (got < 2) continue;
       queries.emplace_back(bytes, static_cast<size_t>(got));
+      ports.push_back(ntohs(peer.sin_port));
       for (std::string const &reply : _handler(queries.back(), static_cast<int>(queries.size())))
         (void)sendto(_fd, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr *>(&peer), length);
     }

@@ -12,10 +12,12 @@
 
 // Makes a temporary root with the tree of an installation and points the process environment at it: Brenthaven,
 // MailboxDir (root/mailboxes), HostName "mail.example.org", DomainName "example.org", SpoolSync "no", and no Log,
-// MessageFile, ModuleName, DispatchSocket or DispatchKey. CTest runs each case in a process of its own.
+// MessageFile, ModuleName, DispatchSocket or DispatchKey. Files are made closed to others (umask 007), as those with
+// passwords have to be. CTest runs each case in a process of its own.
 class ScratchSpool : public ::testing::Test {
 protected:
   ScratchSpool() {
+    umask(007);
     std::string pattern = std::filesystem::temp_directory_path() / "brenthaven-test-XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) abort();
     root = pattern;
