@@ -1,6 +1,7 @@
 #include "brenthaven/mailbox/mailboxdeliver.h"
 
 #include <errno.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <climits>
@@ -14,15 +15,18 @@
 #include "brenthaven/mailbox/mailboxpath.h"
 #include "brenthaven/mailbox/maillog.h"
 #include "brenthaven/mailbox/newfile.h"
+#include "brenthaven/platform/barrier.h"
 #include "brenthaven/platform/files.h"
+#include "brenthaven/platform/sys.h"
 #include "brenthaven/spool/keys.h"
 #include "brenthaven/store/sdbfile.h"
 #include "brenthaven/text/base.h"
 
 // A pass:
-//   1. write one substance file for each slot that an entry falls into;
-//   2. take entry after entry: quota, copy, size record;
-//   3. make what was stored durable, then record it in the control and settle what becomes of the rest.
+//   1. write one substance file for each slot that an entry falls into, and a copy of it for each further entry;
+//   2. flush what they hold: a file has no name before it is on disk, or a power cut could leave a reader a part of it;
+//   3. take entry after entry: quota, the file's name, size record;
+//   4. make the names durable, then record in the control what is stored and settle what becomes of the rest.
 
 namespace {
 
@@ -64,8 +68,11 @@ struct SMailboxDeliverModule::Entry {
   int slot = 0;
   SString folder;  // ends in "/in/"
   bool hasFolder = false;
-  bool waits = false;   // stands among the temporary failures
-  bool isDone = false;  // stored, by this pass or an earlier one
+  std::unique_ptr<SNewFile> copy;  // not for the account that takes the substance file itself
+  SString copyName;                // its name to be
+  int copyError = 0;               // errno when it could not be written
+  bool waits = false;              // stands among the temporary failures
+  bool isDone = false;             // stored, by this pass or an earlier one
 };
 
 // The substance file has no name until its account takes it, under the lock of the size record: so a file that can be
@@ -77,7 +84,6 @@ struct SMailboxDeliverModule::Slot {
   SString file;              // its name to be
   SString account;           // whose mailbox it is for
   bool isUnclaimed = false;  // that account has not taken it yet
-  SStringList files;         // what was stored from it, the first one the source of copies
   long long size = 0;        // bytes of each file
 };
 
@@ -153,6 +159,8 @@ unsigned int SMailboxDeliverModule::ProcessMail() {
   (void)control.CloseHeaderBody();  // what it reports is found again where the message is read
   if (pass.entries.size() > 1) GetBarrier().Arm(GetMailboxDir());
   if (!_WriteSubstances(pass)) return _DeferUnwritten(pass);
+  _WriteCopies(pass);
+  if (!_FlushContents(pass)) return _DeferUnwritten(pass);
   if (!_DeliverEntries(pass)) return _DeferUndefined(pass);
   return pass.rest.Length() > 0 ? _EndBatch(pass) : _EndPass(pass);
 }
@@ -197,9 +205,46 @@ bool SMailboxDeliverModule::_WriteSubstance(Pass &pass, Entry &entry, Slot &slot
   return true;
 }
 
+// A copy that can't be written is its entry's failure, and told when its turn comes.
+void SMailboxDeliverModule::_WriteCopies(Pass &pass) {
+  bool isClaimed[kSlotCount] = {};
+  for (Entry &entry : pass.entries) {
+    if (!entry.IsMailbox()) continue;
+    _LookUp(entry);
+    Slot &slot = pass.slots[entry.slot];
+    if (!entry.found || !slot.IsDefined() || !_MakeFolder(entry)) continue;
+    if (entry.account == slot.account && !std::exchange(isClaimed[entry.slot], true)) continue;
+    entry.copyName = entry.folder + NewMessageID();
+    errno = 0;
+    entry.copy = std::make_unique<SNewFile>(entry.copyName);
+    if (entry.copy->IsOpen() && _WriteCopy(slot, entry.copy->Fd())) continue;
+    entry.copyError = errno;
+    entry.copy.reset();
+  }
+}
+
+// A message in memory is written again, which is less work than a copy of its file. A large one is copied from the
+// substance file, whose blocks it may share.
+bool SMailboxDeliverModule::_WriteCopy(Slot const &slot, int fd) {
+  if (_form.IsInMemory()) return _form.WriteTo(fd);
+  return lseek(slot.substance->Fd(), 0, SEEK_SET) == 0 && sys::CopyContents(slot.substance->Fd(), fd) == 0;
+}
+
+bool SMailboxDeliverModule::_FlushContents(Pass &pass) {
+  std::vector<int> files;
+  for (Slot const &slot : pass.slots)
+    if (slot.IsDefined()) files.push_back(slot.substance->Fd());
+  for (Entry const &entry : pass.entries)
+    if (entry.copy != nullptr) files.push_back(entry.copy->Fd());
+  if (SyncFilesData(files)) return true;
+  pass.error = errno;
+  LogError("Couldn't flush message files: " + GetErrorString(pass.error));
+  return false;
+}
+
 int SMailboxDeliverModule::CreateMessageFile(SString const &file, SStringList *errors, SString const &, int) {
   SNewFile stored(file);
-  return _WriteForm(stored, file, errors) && stored.Publish() ? 1 : 0;
+  return _WriteForm(stored, file, errors) && SyncFileData(stored.Fd()) && stored.Publish() ? 1 : 0;
 }
 
 // Writes the stored form of the message into a file without a name. False with the reason pushed on errors; with none
@@ -257,7 +302,7 @@ bool SMailboxDeliverModule::_DeliverEntries(Pass &pass) {
 
 void SMailboxDeliverModule::_DeliverEntry(Pass &pass, Entry &entry, Slot &slot) {
   bool const isOwner = slot.isUnclaimed && entry.account == slot.account;
-  SString const target = isOwner ? slot.file : entry.folder + NewMessageID();
+  SString const target = isOwner ? slot.file : entry.copyName;
   if (!isOwner) {
     long const size = FileSize(target);
     if (size == slot.size) return pass.Settle(entry);  // an earlier attempt made it, and counted it
@@ -277,35 +322,23 @@ void SMailboxDeliverModule::_DeliverEntry(Pass &pass, Entry &entry, Slot &slot) 
     case Room::kUnknown:
       return pass.FailForNow(entry, "Couldn't get account info: " + entry.account);
   }
-  if (!(isOwner ? slot.substance->Publish() : _StoreCopy(slot, target)))
-    return pass.FailForNow(entry, "Couldn't link message file: " + target);
-  if (isOwner) {
-    slot.files.Unshift(target);
-    slot.isUnclaimed = false;
-  }
+  SNewFile *const file = isOwner ? slot.substance.get() : entry.copy.get();
+  if (file == nullptr) errno = entry.copyError;
+  if (file == nullptr || !file->Publish()) return pass.FailForNow(entry, "Couldn't link message file: " + target);
+  if (isOwner) slot.isUnclaimed = false;
   IncreaseMailboxByteCount(sizeFile, slot.size);
-  GetBarrier().AddFile(target);
   GetBarrier().AddDirectory(entry.folder);
   _delivered.Push(SString(kMailboxAgent) + " " + entry.account);
   pass.Settle(entry);
-}
-
-// A message in memory is written again, which is less work than a copy of its file. A large one is copied from the
-// first file that was stored, whose blocks it may share, and from the queue when there is none, or its owner has
-// removed it.
-bool SMailboxDeliverModule::_StoreCopy(Slot &slot, SString const &target) {
-  if (!_form.IsInMemory() && slot.files.Length() > 0 && CopyOrLink(slot.files, target)) return true;
-  SNewFile copy(target);
-  if (!copy.IsOpen() || !_form.WriteTo(copy.Fd()) || !copy.Publish()) return false;
-  slot.files.Push(target);
-  return true;
 }
 
 unsigned int SMailboxDeliverModule::CopyOrLink(SStringList &files, SString const &target) {
   SDescriptor const source(sys::Open(files.Get(0), O_RDONLY));
   if (!source.IsOpen()) return 0;
   SNewFile copy(target);
-  if (!copy.IsOpen() || sys::CopyContents(source.Get(), copy.Fd()) != 0 || !copy.PublishOver()) return 0;
+  if (!copy.IsOpen() || sys::CopyContents(source.Get(), copy.Fd()) != 0 || !SyncFileData(copy.Fd()) ||
+      !copy.PublishOver())
+    return 0;
   files.Push(target);
   return 1;
 }

@@ -22,8 +22,8 @@ class SNewFile;
 //
 // The message is written first for each of two slots (accounts with QJ-Judge-Enabled "yes", all others), for the
 // mailbox of the first account that falls into the slot: the substance file. Every other account gets a copy. A file
-// appears whole, under its final name, mode 0660, together with its entry in the folder's size record. One pass takes
-// at most kBatch entries.
+// appears whole and on disk, under its final name, mode 0660, together with its entry in the folder's size record. One
+// pass takes at most kBatch entries.
 class SMailboxDeliverModule : public SModule {
 public:
   static constexpr int kBatch = 512;
@@ -92,7 +92,9 @@ private:
   bool _DeliverEntries(Pass &pass);
   void _DeliverEntry(Pass &pass, Entry &entry, Slot &slot);
   bool _WriteForm(SNewFile &stored, SString const &file, SStringList *errors);
-  bool _StoreCopy(Slot &slot, SString const &target);
+  void _WriteCopies(Pass &pass);
+  bool _WriteCopy(Slot const &slot, int fd);
+  bool _FlushContents(Pass &pass);
   Room _RoomFor(SSizeFile &f, long long messageSize);
   long long _QuotaOf(SString const &uid) const;
   unsigned int _DeferUnwritten(Pass &pass);

@@ -10,6 +10,7 @@
 #include "brenthaven/mailbox/mailboxdeliver.h"
 #include "brenthaven/mailbox/maillog.h"
 #include "brenthaven/mailbox/newfile.h"
+#include "brenthaven/platform/barrier.h"
 #include "brenthaven/platform/dates.h"
 #include "brenthaven/platform/files.h"
 #include "brenthaven/spool/keys.h"
@@ -115,7 +116,9 @@ int SMailboxDeliverModule::SendQuotaMessage(SSizeFile &f, SString const &key, lo
   ReplaceAll(text, "<+++MessageSize+++>", std::to_string(messageSize));
   ReplaceAll(text, "<+++Quota+++>", std::to_string(quota));
   SNewFile notice(f.Folder() + NewMessageID());
-  if (!notice.IsOpen() || sys::WriteAll(notice.Fd(), text.data(), text.size()) != 0 || !notice.Publish()) return 0;
+  if (!notice.IsOpen() || sys::WriteAll(notice.Fd(), text.data(), text.size()) != 0 || !SyncFileData(notice.Fd()) ||
+      !notice.Publish())
+    return 0;
   return static_cast<int>(text.size());
 }
 

@@ -20,6 +20,10 @@ std::string ParentOf(std::string_view path) {
   return std::string(path.substr(0, std::max<size_t>(slash, 1)));
 }
 
+bool IsOneByOne(SyncMode mode, size_t count) {
+  return mode == SyncMode::kFsync || (mode == SyncMode::kAuto && count <= SSyncBarrier::kFsyncLimit);
+}
+
 // Closes and keeps errno, so that the first failure is the one reported.
 void CloseQuietly(int fd) {
   int const error = errno;
@@ -51,6 +55,21 @@ int SyncFileData(int fd) {
   return sys::Fdatasync(fd) == 0;
 }
 
+int SyncFilesData(std::vector<int> const &fds) {
+  SyncMode const mode = GetSyncMode();
+  if (mode == SyncMode::kNo) return 1;
+  if (IsOneByOne(mode, fds.size())) return std::all_of(fds.begin(), fds.end(), SyncFileData);
+  std::unordered_set<dev_t> synced;
+  for (int const fd : fds) {
+    struct stat info;
+    if (sys::Fstat(fd, &info) != 0) return 0;
+    if (!synced.insert(info.st_dev).second) continue;
+    ++g_sync_count;
+    if (sys::Syncfs(fd) != 0) return 0;
+  }
+  return 1;
+}
+
 void SSyncBarrier::Arm(char const *directory) {
   SyncMode const mode = GetSyncMode();
   if (mode == SyncMode::kNo || mode == SyncMode::kFsync) return;
@@ -63,8 +82,7 @@ void SSyncBarrier::AddParentOf(char const *path) { _Add(ParentOf(path)); }
 
 int SSyncBarrier::Commit() {
   SyncMode const mode = GetSyncMode();
-  bool const one_by_one = mode == SyncMode::kFsync || (mode == SyncMode::kAuto && _order.size() <= kFsyncLimit);
-  int const result = mode == SyncMode::kNo ? 1 : one_by_one ? _FsyncAll() : _SyncfsAll();
+  int const result = mode == SyncMode::kNo ? 1 : IsOneByOne(mode, _order.size()) ? _FsyncAll() : _SyncfsAll();
   _order.clear();
   _paths.clear();
   return result;

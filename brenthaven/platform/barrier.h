@@ -15,6 +15,9 @@ SyncMode GetSyncMode();
 int SyncFile(int fd);
 // The same for a file whose times need not survive, which saves the file system a step where the size stays.
 int SyncFileData(int fd);
+// The same for the content of many open files: each for itself, or, as a barrier chooses, one syncfs a file system. The
+// files may have no name yet. They were opened before they were written, so that every write error is reported.
+int SyncFilesData(std::vector<int> const &fds);
 
 // Collects the files and directories that one step of a message made or changed, and flushes them together. A file is
 // named by its path and must stand under that name when Commit is called; a directory is flushed for the entries in it.

@@ -228,7 +228,7 @@ bool Store::_Connect() {
   if (sqlite3_open_v2(_path.c_str(), &_connection, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) return false;
   sqlite3_busy_timeout(_connection, kBusyMilliseconds);
   bool const flush = !_isNew && GetSyncMode() != SyncMode::kNo;
-  char const *setUp = flush    ? "PRAGMA synchronous = FULL"
+  char const *setUp = flush    ? "PRAGMA synchronous = EXTRA"
                       : _isNew ? "PRAGMA synchronous = OFF; PRAGMA journal_mode = MEMORY"
                                : "PRAGMA synchronous = OFF";
   return sqlite3_exec(_connection, setUp, nullptr, nullptr, nullptr) == SQLITE_OK;

@@ -1,0 +1,162 @@
+// tests/crash/main.cpp - shows that nothing is lost: crash [--long] [--verbose] [--jobs N] WAY... [STORY...]
+//
+// Ways: kill, power, fail, memory, flush; without one kill, power and fail. Stories: by name; without one all of them.
+// Each pair is a job of its own. Ends with a line of totals, and with 1 when anything was found.
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/crash/trial.h"
+
+namespace {
+
+struct WayRow {
+  char const *name;
+  STally (STrial::*run)();
+};
+constexpr WayRow kWays[] = {
+    {"kill", &STrial::KillEverywhere},    {"power", &STrial::CutPower},        {"fail", &STrial::FailCalls},
+    {"memory", &STrial::FailAllocations}, {"flush", &STrial::LeaveFlushesOut},
+};
+constexpr size_t kUsualWays = 3;
+
+struct Options {
+  bool isLong = false, isVerbose = false;
+  long jobs = sysconf(_SC_NPROCESSORS_ONLN);
+  std::vector<WayRow const *> ways;
+  std::vector<SScenario const *> stories;
+};
+
+// What a job leaves for the parent: numbers alone.
+struct Numbers {
+  long kills, recoveryKills, states, strictStates, failures, allocations, flushes, needless;
+  long lost, partial, stranded, wrong, duplicates;
+  bool isDone;
+};
+
+Numbers NumbersOf(STally const &tally) {
+  return {tally.kills,
+          tally.recoveryKills,
+          tally.states,
+          tally.strictStates,
+          tally.failures,
+          tally.allocations,
+          tally.flushes,
+          tally.needless,
+          tally.verdict.lost,
+          tally.verdict.partial,
+          tally.verdict.stranded,
+          tally.verdict.wrong,
+          tally.verdict.duplicates,
+          true};
+}
+
+bool IsGood(Numbers const &n) { return n.isDone && n.lost + n.partial + n.stranded + n.wrong + n.needless == 0; }
+
+constexpr size_t kFindingsTold = 12;
+
+int RunJob(Options const &options, WayRow const &way, SScenario const &story, Numbers &numbers) {
+  auto const start = std::chrono::steady_clock::now();
+  SCallBoard &board = SCallBoard::Make();
+  Site site(board);
+  STrial trial(site, story, options.isLong, options.isVerbose);
+  STally const tally = (trial.*way.run)();
+  numbers = NumbersOf(tally);
+  double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  std::string out;
+  char line[512];
+  (void)snprintf(line, sizeof line,
+                 "%-6s %-9s %6ld kills %5ld of recoveries %7ld states (%ld strict) %6ld failed calls %6ld refused "
+                 "allocations %3ld flushes | lost %ld, in part %ld, stranded %ld, wrong %ld, twice %ld | %.1f s\n",
+                 way.name, story.name, numbers.kills, numbers.recoveryKills, numbers.states, numbers.strictStates,
+                 numbers.failures, numbers.allocations, numbers.flushes, numbers.lost, numbers.partial,
+                 numbers.stranded, numbers.wrong, numbers.duplicates, seconds);
+  out += line;
+  std::vector<std::string> what = tally.verdict.what;
+  std::ranges::stable_partition(what,
+                                [](std::string const &line) { return line.find(": lost: ") != std::string::npos; });
+  for (size_t i = 0; i < std::min(what.size(), kFindingsTold); ++i) out += "  " + what[i] + "\n";
+  if (what.size() > kFindingsTold) out += "  and " + std::to_string(what.size() - kFindingsTold) + " more\n";
+  (void)fwrite(out.data(), 1, out.size(), stdout);
+  (void)fflush(stdout);
+  return IsGood(numbers) ? 0 : 1;
+}
+
+bool ReadOptions(int argc, char **argv, Options &options) {
+  for (int i = 1; i < argc; ++i) {
+    std::string const word = argv[i];
+    auto const way = std::ranges::find_if(kWays, [&](WayRow const &row) { return word == row.name; });
+    auto const story =
+        std::ranges::find_if(AllScenarios(), [&](SScenario const &scenario) { return word == scenario.name; });
+    if (word == "--long")
+      options.isLong = true;
+    else if (word == "--verbose")
+      options.isVerbose = true;
+    else if (word == "--jobs" && i + 1 < argc)
+      options.jobs = std::max(1L, strtol(argv[++i], nullptr, 10));
+    else if (way != std::end(kWays))
+      options.ways.push_back(way);
+    else if (story != AllScenarios().end())
+      options.stories.push_back(&*story);
+    else
+      return false;
+  }
+  for (size_t i = 0; options.ways.empty() && i < kUsualWays; ++i) options.ways.push_back(&kWays[i]);
+  if (options.ways.size() == 0) return false;
+  if (options.stories.empty())
+    for (SScenario const &scenario : AllScenarios()) options.stories.push_back(&scenario);
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  Options options;
+  if (!ReadOptions(argc, argv, options)) {
+    (void)fprintf(stderr, "usage: %s [--long] [--verbose] [--jobs N] [WAY...] [STORY...]\n", argv[0]);
+    return 64;
+  }
+  size_t const count = options.ways.size() * options.stories.size();
+  void *const memory =
+      mmap(nullptr, count * sizeof(Numbers), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) return 71;
+  auto *const numbers = static_cast<Numbers *>(memory);
+  long running = 0;
+  for (size_t job = 0; job < count; ++job) {
+    for (; running >= options.jobs; --running) (void)wait(nullptr);
+    pid_t const pid = fork();
+    if (pid < 0) return 71;
+    if (pid == 0)
+      exit(RunJob(options, *options.ways[job / options.stories.size()], *options.stories[job % options.stories.size()],
+                  numbers[job]));
+    ++running;
+  }
+  for (; running > 0; --running) (void)wait(nullptr);
+  Numbers sum = {};
+  bool isGood = true;
+  for (size_t job = 0; job < count; ++job) {
+    Numbers const &n = numbers[job];
+    isGood = isGood && IsGood(n);
+    sum.kills += n.kills + n.recoveryKills;
+    sum.states += n.states;
+    sum.failures += n.failures + n.allocations;
+    sum.lost += n.lost;
+    sum.partial += n.partial;
+    sum.stranded += n.stranded;
+    if (!n.isDone)
+      printf("a job did not end: %s %s\n", options.ways[job / options.stories.size()]->name,
+             options.stories[job % options.stories.size()]->name);
+  }
+  printf("%ld kill points, %ld power-cut states, %ld failed calls: %ld lost, %ld partial, %ld stranded\n", sum.kills,
+         sum.states, sum.failures, sum.lost, sum.partial, sum.stranded);
+  return isGood ? 0 : 1;
+}

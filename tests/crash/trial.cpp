@@ -1,0 +1,298 @@
+#include "tests/crash/trial.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "brenthaven/accounts/check.h"
+#include "brenthaven/mailbox/mailboxdeliver.h"
+#include "brenthaven/recovery/recovery.h"
+#include "tests/crash/memory.h"
+
+namespace {
+
+constexpr unsigned kPatience = 120;      // seconds until a process counts as hanging
+constexpr long kSecondKillEvery = 20;    // of so many states, one has its recovery killed too
+constexpr size_t kStatesShort = 300;     // of a power cut, in the short form
+constexpr long kFailShort = 4;           // of so many calls one is made to fail, in the short form
+constexpr long kAllocationsAll = 5000;   // up to here each allocation fails in turn
+constexpr long kAllocationsStride = 17;  // and behind it each so-and-so-many
+
+std::string Described(int status) {
+  return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
+                             : "code " + std::to_string(WEXITSTATUS(status));
+}
+
+}  // namespace
+
+void STally::Add(STally const &other) {
+  kills += other.kills;
+  recoveryKills += other.recoveryKills;
+  states += other.states;
+  strictStates += other.strictStates;
+  failures += other.failures;
+  allocations += other.allocations;
+  flushes += other.flushes;
+  needless += other.needless;
+  verdict.Add(other.verdict);
+}
+
+STrial::STrial(Site &site, SScenario const &scenario, bool isLong, bool isVerbose)
+    : _site(site), _scenario(scenario), _isLong(isLong), _isVerbose(isVerbose) {
+  _Rehearse();
+}
+
+// The wait status of a child that runs the body and ends.
+int STrial::_RunChild(std::function<void()> const &body) {
+  (void)fflush(nullptr);
+  pid_t const pid = fork();
+  if (pid < 0) abort();
+  if (pid == 0) {
+    if (!_isVerbose && dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO) < 0) _exit(126);
+    (void)alarm(kPatience);
+    _site.Enter();
+    body();
+    calls::Stop();
+    _exit(0);
+  }
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid) abort();
+  return status;
+}
+
+int STrial::_RunStep(size_t step, SCallPlan const &plan, bool record) {
+  return _RunChild([&] {
+    calls::Watch(_site.Board(), plan, record ? _site.Root() : "");
+    _scenario.steps[step](_site);
+  });
+}
+
+// The story as it goes when nothing goes wrong, with the tree in front of each step.
+void STrial::_Rehearse() {
+  SCallBoard &board = _site.Board();
+  _site.Install().Put(_site.Root());
+  if (int const status = _RunChild([&] { _scenario.prepare(_site); }); status != 0) abort();
+  for (size_t step = 0; step < _scenario.steps.size(); ++step) {
+    Stage stage{SDiskImage::Take(_site.Root()), board.notes, 0, {}, 0};
+    if (step == 0) {
+      board.Clear();
+      stage.notesBefore = 0;
+    }
+    board.calls = 0;
+    if (_RunStep(step, {}, true) != 0) abort();
+    stage.notesAfter = board.notes;
+    stage.trace.assign(board.trace, board.trace + std::min<long>(board.calls, SCallBoard::kMaxTrace));
+    _stages.push_back(std::move(stage));
+  }
+  _operations = calls::Recorded(board);
+  _rehearsal.verdict = _JudgeAfter("with nothing going wrong", board.notes);
+  for (size_t mail = 0; mail < _scenario.mails.size(); ++mail)
+    if ((board.notes >> mail & 1) == 0) {
+      ++_rehearsal.verdict.wrong;
+      _rehearsal.verdict.what.push_back("not accepted with nothing going wrong: " + _scenario.mails[mail].subject);
+    }
+}
+
+// Recovery, then all that can run runs to its end, then judgement.
+SVerdict STrial::_Settle(std::uint64_t notes) {
+  SCallBoard &board = _site.Board();
+  board.text[0] = '\0';
+  int const status = _RunChild([&] {
+    SRecoveryReport const report = RecoverSpool({});
+    if (report.failed > 0 || report.accountsFailed) _site.Problem("recovery failed");
+    _scenario.mend(_site);
+    _site.Drain();
+    _scenario.check(_site, notes);
+    (void)CheckAccountFiles([&](SString const &fault) { _site.Problem("accounts: " + std::string(fault.View())); });
+    SMailboxDeliverModule mailboxes;
+    if (mailboxes.LoadEnv()) mailboxes.ComputeSizes();
+  });
+  if (status != 0) board.Say("what ran afterwards ended with " + Described(status));
+  return Judge(SDiskImage::Take(_site.Root()), _scenario, notes, board.text);
+}
+
+void STrial::_Blame(SVerdict &verdict, std::string const &what) const {
+  for (std::string &line : verdict.what) line = std::string(_scenario.name) + ", " + what + ": " + line;
+}
+
+SVerdict STrial::_JudgeAfter(std::string const &what, std::uint64_t notes) {
+  SVerdict verdict = _Settle(notes);
+  _Blame(verdict, what);
+  return verdict;
+}
+
+STally STrial::KillEverywhere() {
+  STally tally = _rehearsal;
+  for (size_t step = 0; step < _stages.size(); ++step) {
+    Stage const &stage = _stages[step];
+    for (long call = 1; call <= static_cast<long>(stage.trace.size()); ++call) {
+      // Between two calls that change something the disk stays the same.
+      if (!_isLong && !stage.trace[call - 1].changes) continue;
+      stage.before.Put(_site.Root());
+      _site.Board().notes = stage.notesBefore;
+      _site.Board().calls = 0;
+      (void)_RunStep(step, {SCallPlan::Act::kKill, call, 0, false});
+      std::uint64_t const notes = _site.Board().notes;
+      std::string const what = "step " + std::to_string(step) + " killed at call " + std::to_string(call) + ", " +
+                               stage.trace[call - 1].name;
+      ++tally.kills;
+      if (tally.kills % kSecondKillEvery == 0) _KillRecovery(tally, what, notes);
+      tally.verdict.Add(_JudgeAfter(what, notes));
+    }
+  }
+  return tally;
+}
+
+// Recovery of the tree as it stands is itself killed everywhere. The tree is the same afterwards.
+void STrial::_KillRecovery(STally &tally, std::string const &what, std::uint64_t notes) {
+  SDiskImage const tree = SDiskImage::Take(_site.Root());
+  SCallBoard &board = _site.Board();
+  auto const recover = [&](SCallPlan const &plan) {
+    tree.Put(_site.Root());
+    board.calls = 0;
+    (void)_RunChild([&] {
+      calls::Watch(board, plan);
+      (void)RecoverSpool({});
+    });
+  };
+  recover({});
+  std::vector<SCallBoard::Traced> const trace(board.trace, board.trace + board.calls);
+  for (long call = 1; call <= static_cast<long>(trace.size()); ++call) {
+    if (!trace[call - 1].changes) continue;
+    recover({SCallPlan::Act::kKill, call, 0, false});
+    ++tally.recoveryKills;
+    tally.verdict.Add(_JudgeAfter(what + ", and recovery at its call " + std::to_string(call), notes));
+  }
+  tree.Put(_site.Root());
+}
+
+SPowerCut::Effort STrial::_Effort() const {
+  SPowerCut::Effort effort;
+  if (_isLong) {
+    effort.wholeChoice = 10;
+    effort.randomChoices = 200;
+  } else {
+    effort.mostStates = kStatesShort;
+  }
+  return effort;
+}
+
+STally STrial::CutPower() {
+  STally tally = _rehearsal;
+  SPowerCut power(_stages.front().before, _operations);
+  (void)power.Enumerate(_Effort(), [&](SDiskImage const &tree, std::uint64_t notes) {
+    tree.Put(_site.Root());
+    tally.verdict.Add(_JudgeAfter("power cut " + power.Where(), notes));
+    return true;
+  });
+  tally.states = power.States();
+  tally.strictStates = power.StrictStates();
+  return tally;
+}
+
+// Without one flush there must be a state in which something is lost: otherwise nothing is gained by it.
+STally STrial::LeaveFlushesOut() {
+  STally tally = _rehearsal;
+  for (size_t i = 0; i < _operations.size(); ++i) {
+    SFileOperation::Kind const kind = _operations[i].kind;
+    if (kind != SFileOperation::Kind::kFlushFile && kind != SFileOperation::Kind::kFlushDirectory &&
+        kind != SFileOperation::Kind::kFlushAll)
+      continue;
+    SPowerCut power(_stages.front().before, _operations);
+    SPowerCut::Effort effort;
+    effort.withoutFlush = static_cast<long>(i);
+    ++tally.flushes;
+    bool const isNeedless = power.Enumerate(effort, [&](SDiskImage const &tree, std::uint64_t notes) {
+      tree.Put(_site.Root());
+      return _Settle(notes).IsGood();
+    });
+    if (!isNeedless) continue;
+    ++tally.needless;
+    printf("  %s: nothing depends on flush %zu, in front of:", _scenario.name, i);
+    for (size_t next = i + 1; next < std::min(_operations.size(), i + 4); ++next)
+      printf(" %d %s%s", static_cast<int>(_operations[next].kind), _operations[next].path.c_str(),
+             _operations[next].target.c_str());
+    printf(" (%s%u)\n", _operations[i].path.c_str(), _operations[i].file);
+  }
+  return tally;
+}
+
+void STrial::_FailCall(STally &tally, size_t step, long call, size_t error, bool onwards) {
+  Stage const &stage = _stages[step];
+  stage.before.Put(_site.Root());
+  _site.Board().notes = stage.notesBefore;
+  _site.Board().calls = 0;
+  int const status = _RunStep(step, {SCallPlan::Act::kFail, call, kErrors[error].error, onwards});
+  std::uint64_t const notes = _site.Board().notes;
+  std::string const what = "step " + std::to_string(step) + ", call " + std::to_string(call) + ", " +
+                           stage.trace[call - 1].name + " gives " + kErrors[error].name +
+                           (onwards ? " from there on" : "");
+  ++tally.failures;
+  SVerdict verdict = _Settle(notes);
+  if (status != 0) {
+    ++verdict.wrong;
+    verdict.what.push_back("ended with " + Described(status));
+  }
+  bool const isInvisible = kErrors[error].error == EINTR || kErrors[error].error == SCallPlan::kShortWrite;
+  if (isInvisible && !onwards && notes != stage.notesAfter) {
+    ++verdict.wrong;
+    verdict.what.push_back("a call that only has to be made again was taken as a failure");
+  }
+  _Blame(verdict, what);
+  tally.verdict.Add(verdict);
+}
+
+STally STrial::FailCalls() {
+  STally tally = _rehearsal;
+  long seen = 0;
+  for (size_t step = 0; step < _stages.size(); ++step)
+    for (long call = 1; call <= static_cast<long>(_stages[step].trace.size()); ++call) {
+      SCallBoard::Traced const &traced = _stages[step].trace[call - 1];
+      std::vector<size_t> possible;
+      for (size_t error = 0; error < kCallErrors; ++error)
+        if ((traced.errors >> error & 1) != 0) possible.push_back(error);
+      if (possible.empty()) continue;
+      if (!_isLong) {  // one way a call, and a disk that stays full
+        if (++seen % kFailShort != 0) continue;
+        _FailCall(tally, step, call, possible[static_cast<size_t>(seen / kFailShort) % possible.size()], false);
+        if (traced.changes && (traced.errors & 1) != 0) _FailCall(tally, step, call, 0, true);
+        continue;
+      }
+      for (size_t const error : possible) {
+        _FailCall(tally, step, call, error, false);
+        // A call that is interrupted for ever never ends, and is not meant to.
+        if (kErrors[error].error != EINTR && kErrors[error].error != SCallPlan::kShortWrite)
+          _FailCall(tally, step, call, error, true);
+      }
+    }
+  return tally;
+}
+
+STally STrial::FailAllocations() {
+  STally tally = _rehearsal;
+  if (!memory::IsSupported()) return tally;
+  SCallBoard &board = _site.Board();
+  for (size_t step = 0; step < _stages.size(); ++step)
+    for (bool const onwards : {false, true})
+      for (long at = 1, count = 1; at <= count; at += !_isLong || at >= kAllocationsAll ? kAllocationsStride : 1) {
+        _stages[step].before.Put(_site.Root());
+        board.notes = _stages[step].notesBefore;
+        board.calls = 0;
+        (void)_RunChild([&] {
+          calls::Watch(board, {});
+          memory::Watch(at, onwards);
+          _scenario.steps[step](_site);
+          board.calls = memory::Count();
+        });
+        if (board.calls > count) count = board.calls;
+        ++tally.allocations;
+        tally.verdict.Add(_JudgeAfter("step " + std::to_string(step) + ", allocation " + std::to_string(at) +
+                                          (onwards ? " and all behind it" : "") + " refused",
+                                      board.notes));
+      }
+  return tally;
+}

@@ -1,0 +1,62 @@
+// tests/crash/trial.h - one story, tried again and again with something going wrong each time.
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "tests/crash/calls.h"
+#include "tests/crash/disk.h"
+#include "tests/crash/judge.h"
+#include "tests/crash/site.h"
+
+struct STally {
+  long kills = 0;          // processes killed in front of a call
+  long recoveryKills = 0;  // the same, of a recovery
+  long states = 0;         // trees that a power cut may leave
+  long strictStates = 0;   // those of them that only a file system without order allows
+  long failures = 0;       // calls that were made to fail
+  long allocations = 0;    // allocations that were made to fail
+  long flushes = 0;        // flushing operations left out
+  long needless = 0;       // those of them that nothing depended on
+  SVerdict verdict;
+
+  void Add(STally const &other);
+};
+
+class STrial {
+public:
+  STrial(Site &site, SScenario const &scenario, bool isLong, bool isVerbose);
+
+  // Each returns what it found. The story itself, with nothing going wrong, comes first with all of them.
+  STally KillEverywhere();   // each process of the story ends in front of each of its calls
+  STally CutPower();         // at each moment, in all ways that the disk may then look
+  STally FailCalls();        // each call fails in each way that it can
+  STally FailAllocations();  // each allocation fails
+  STally LeaveFlushesOut();  // each flush is taken away, and must be missed
+
+private:
+  struct Stage {  // a step of the story, as it goes when nothing goes wrong
+    SDiskImage before;
+    std::uint64_t notesBefore, notesAfter;
+    std::vector<SCallBoard::Traced> trace;
+    long allocations;
+  };
+
+  void _Rehearse();
+  int _RunChild(std::function<void()> const &body);
+  int _RunStep(size_t step, SCallPlan const &plan, bool record = false);
+  SVerdict _Settle(std::uint64_t notes);
+  SVerdict _JudgeAfter(std::string const &what, std::uint64_t notes);
+  void _Blame(SVerdict &verdict, std::string const &what) const;
+  void _KillRecovery(STally &tally, std::string const &what, std::uint64_t notes);
+  void _FailCall(STally &tally, size_t step, long call, size_t error, bool onwards);
+  SPowerCut::Effort _Effort() const;
+
+  Site &_site;
+  SScenario const &_scenario;
+  bool _isLong, _isVerbose;
+  std::vector<Stage> _stages;
+  std::vector<SFileOperation> _operations;
+  STally _rehearsal;
+};
