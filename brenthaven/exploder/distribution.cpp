@@ -10,6 +10,7 @@
 #include "brenthaven/exploder/textframe.h"
 #include "brenthaven/lists/slistkey.h"
 #include "brenthaven/mailbox/diskspace.h"
+#include "brenthaven/platform/barrier.h"
 #include "brenthaven/platform/files.h"
 #include "brenthaven/platform/nativepath.h"
 #include "brenthaven/platform/sys.h"
@@ -164,7 +165,7 @@ bool SDistribution::_SendAway() {
   return true;
 }
 
-// Message files before the control: a crash between them leaves files that no module reads.
+// The message files alone: a crash leaves files that no module reads. The group's end writes the controls.
 bool SDistribution::_Write(Batch const &batch) {
   if (_group.size() >= _MostInGroup(batch.subscriber.Length() > 0) && !_EndGroup(false)) return false;
   if (_group.empty() && GetRemainingUsableKB(_module.GetControlDir(), kGroupBytes) == 0) return false;
@@ -177,7 +178,7 @@ bool SDistribution::_Write(Batch const &batch) {
     copy[kKeyUserFrom] = batch.returnPath;
     copy.Delete(kKeyErrorListUid);  // a failure goes back by that path, to be counted
   }
-  if (!_WriteFiles(copy, batch) || !copy.Write()) {
+  if (!_WriteFiles(copy, batch)) {
     _UndoGroup();
     return false;
   }
@@ -202,13 +203,30 @@ SString SDistribution::_URLFor(SString const &subscriber) const {
   return _url.For(_names, subscriber, key);
 }
 
+// What the messages hold is on disk before a control names it: after a power cut a reader would get a part of it.
+bool SDistribution::_WriteControls() {
+  SSyncBarrier contents;
+  if (!_isBaseSafe)
+    for (SString const &path : {_base.GetHeaderFilename(), _base.GetBodyFilename()})
+      contents.AddFile(SNativePath(path));
+  if (_url.IsPersonal())
+    for (SControl const &copy : _group) contents.AddFile(SNativePath(copy.GetHeaderFilename()));
+  if (!contents.Commit()) return false;
+  _isBaseSafe = true;
+  for (SControl &copy : _group) {
+    if (!copy.Write()) return false;
+    _module.Cover(copy);
+  }
+  return true;
+}
+
 // The last group is recorded in memory alone: the posting is dropped next, or the frame writes what was done.
 bool SDistribution::_EndGroup(bool isLast) {
   if (_group.empty()) return true;
-  for (SControl const &copy : _group) _module.Cover(copy);
-  if (!_isBaseSafe)
-    for (SString const &path : {_base.GetHeaderFilename(), _base.GetBodyFilename()})
-      _module.GetBarrier().AddFile(SNativePath(path));
+  if (!_WriteControls()) {
+    _UndoGroup();
+    return false;
+  }
   SStringList const before = _own.Get(kKeyListPostingDone);
   SProgress::Set(_own, _stage, _last);
   if (!_module.CommitBarrier() || (!isLast && !_own.Write())) {
@@ -216,7 +234,6 @@ bool SDistribution::_EndGroup(bool isLast) {
     _UndoGroup();
     return false;
   }
-  _isBaseSafe = true;
   for (SControl &copy : _group) (void)copy.Notify();  // untold, the dispatcher's next look at control/ finds it
   _group.clear();
   return true;

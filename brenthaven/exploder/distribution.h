@@ -45,6 +45,7 @@ private:
   bool _SendAway();
   bool _Write(Batch const &batch);
   bool _WriteFiles(SControl const &copy, Batch const &batch);
+  bool _WriteControls();
   bool _EndGroup(bool isLast);
   void _UndoGroup();
   SString _URLFor(SString const &subscriber) const;

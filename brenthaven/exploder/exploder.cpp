@@ -245,7 +245,10 @@ SDecision SListExploderModule::_DecideAndRecord(SPosting const &posting) {
   bool const isApproved = GetControl().Get(kKeyApproved).Get(0) == "yes";
   SDecision decision = isApproved ? SDecision() : DecideByRules(posting, state);
   if (decision.verdict != SVerdict::kSend && decision.verdict != SVerdict::kHold) return decision;
-  if (!_TakeIn(posting, state, decision)) return {.verdict = SVerdict::kRetry, .why = "Couldn't record the posting"};
+  // The record is on disk before the state is: a state that knows the posting alone would take it for a duplicate.
+  bool const isTakenIn = _TakeIn(posting, state, decision);
+  GetBarrier().AddParentOf(SNativePath(GetControl().GetControlFilename()));
+  if (!isTakenIn || !CommitBarrier()) return {.verdict = SVerdict::kRetry, .why = "Couldn't record the posting"};
   if (!state.Commit()) _Log("ERROR:" + posting.list.GetUID() + ": Couldn't write list state");
   return decision;
 }

@@ -88,6 +88,8 @@ SFanOut::Result SFanOut::Write(Commit const &commit) {
   while (keys.Length() > 0) {
     Result const written = _WriteBatch(keys.Splice(0, std::min(keys.Length(), kBatch)));
     if (written != Result::kDone) return written;
+    if (_isArchive)  // archived counts at once and for ever, so that the commit may flush these copies
+      for (Copy const &made : _batch) _module.Cover(made.control);
     if (!commit(_BatchEntries())) {
       _TakeBack();
       return Result::kFailed;
@@ -119,14 +121,13 @@ bool SFanOut::_WriteCopy(SString const &key) {
   return _module.GetControl().LinkMessage(copy.GetFilename()) && _MarkHeader(copy) && copy.Write();
 }
 
-// The copy's header becomes a file of its own. The name is freed first: a file that is new is flushed with the batch, a
-// replaced one would be flushed here and now.
+// The copy's header becomes a file of its own, which replaces the link and so is on disk before a control names it.
 bool SFanOut::_MarkHeader(SControl &copy) const {
   if (_mark.field.Length() == 0) return true;
   SHeader header;
   if (!copy.ReadHeader(&header) && FileSize(copy.GetHeaderFilename()) != 0) return false;  // it may be empty
   header[_mark.field] = GetEnv("HostName");
-  return RemoveFile(copy.GetHeaderFilename()) && copy.WriteHeader(&header);
+  return copy.WriteHeader(&header) != 0;
 }
 
 SStringList SFanOut::_BatchEntries() const {

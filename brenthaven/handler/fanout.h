@@ -41,7 +41,10 @@ public:
   SFanOut(SFanOut const &) = delete;
   SFanOut &operator=(SFanOut const &) = delete;
 
-  void MarkAsArchive(SArchiveMark const &mark) { _mark = mark; }
+  void MarkAsArchive(SArchiveMark const &mark) {
+    _mark = mark;
+    _isArchive = true;
+  }
   // Makes, commits and releases all batches. Keys that are done leave the table: after another result than kDone it
   // holds those that are not.
   Result Write(Commit const &commit);
@@ -65,5 +68,6 @@ private:
   SNamedValue _buckets;
   double _size;  // of one copy, by estimate
   SArchiveMark _mark;
+  bool _isArchive = false;
   std::vector<Copy> _batch;
 };

@@ -44,7 +44,9 @@ public:
     if (_scope.wholeSpool) {
       RemoveTemporaries(_root + "/messages", 0);
       RemoveTemporaries(_root + "/deferred", kDeepest);
-      RemoveListTemporaries();
+      RemoveListTemporaries(_root + "/listdata");
+      RemoveListTemporaries(_root + "/List-Exploder/daily");
+      LookAtQueues(_root + "/deferred", kDeepest);
     }
     EmptyStrayDirectories();
     LookAtControlFiles();
@@ -61,11 +63,17 @@ private:
 
   void FinishAccounts();
   void RemoveTemporaries(std::string const &directory, int depth);
-  void RemoveListTemporaries();
+  void RemoveListTemporaries(std::string const &directory);
+  void LookAtQueues(std::string const &directory, int depth);
   void EmptyStrayDirectories();
   void LookAtControlFiles();
   void LookAtMail(SControl &control, Entry const &file);
+  static bool IsControlFile(Entry const &entry) {
+    return S_ISREG(entry.info.st_mode) && EndsWith(entry.name, kControlSuffix);
+  }
   static bool IsControl(SControl &control);
+  static bool IsComplete(SControl &control);
+  void SetGarbageAside(SControl &control, Entry const &file);
   bool IsReadable(std::string const &path);
   static bool IsMissing(SString const &path);
   void ReportHalf(SControl &control, Entry const &file, bool hasHeader);
@@ -117,12 +125,28 @@ void Recovery::RemoveTemporaries(std::string const &directory, int depth) {
 }
 
 // A list's lock tells whether somebody is still writing its state.
-void Recovery::RemoveListTemporaries() {
-  for (Entry const &entry : Entries(_root + "/listdata")) {
+void Recovery::RemoveListTemporaries(std::string const &directory) {
+  for (Entry const &entry : Entries(directory)) {
     if (!S_ISREG(entry.info.st_mode) || !EndsWith(entry.name, kNewSuffix) || !IsUnwritten(entry)) continue;
     std::string const lock = entry.path.substr(0, entry.path.size() - kNewSuffix.size()).append(kLockSuffix);
     SDescriptor const file(sys::Open(lock.c_str(), O_RDWR | O_CREAT));
     if (file.IsOpen() && sys::Lock(file.Get(), F_WRLCK, 0, 1, false) == 0) (void)Remove(entry);
+  }
+}
+
+// After a power cut a queue may hold what no walk can ever bring to an end: a file without its text, or one whose
+// message is not there. The latter go to control/, where it is decided what becomes of them.
+void Recovery::LookAtQueues(std::string const &directory, int depth) {
+  for (Entry const &entry : Entries(directory)) {
+    if (S_ISDIR(entry.info.st_mode) && depth > 0) LookAtQueues(entry.path, depth - 1);
+    if (!IsControlFile(entry) || !IsQuiet(entry)) continue;
+    SControl control((SString(entry.path)));
+    if (!IsControl(control))
+      SetGarbageAside(control, entry);
+    else if (FileExists(SString(_root + "/control/" + entry.name)))
+      _report.lost += MoveToLost(entry);  // on its way from one to the other: either is the whole record
+    else if (!IsComplete(control))
+      (void)Rename(entry.path, _root + "/control", entry.name);
   }
 }
 
@@ -144,13 +168,12 @@ void Recovery::EmptyStrayDirectories() {
 
 void Recovery::LookAtControlFiles() {
   for (Entry const &file : Entries(_root + "/control")) {
-    if (!S_ISREG(file.info.st_mode) || !EndsWith(file.name, kControlSuffix) || !IsQuiet(file)) continue;
+    if (!IsControlFile(file) || !IsQuiet(file)) continue;
     std::string const name = file.name.substr(0, file.name.size() - strlen(kControlSuffix));
     if (_scope.isBusy && _scope.isBusy(name)) continue;
     SControl control((SString(name)));
     if (!IsControl(control)) {
-      bool const isGarbage = IsReadable(file.path) && !IsControl(control);  // a look that failed is taken once more
-      if (isGarbage && MoveToLost(file)) ++_report.lost;
+      SetGarbageAside(control, file);
     } else if (control.Get(kKeyControlType).Get(0) == kTypeRequest) {
       (void)Remove(file);
     } else {
@@ -160,13 +183,10 @@ void Recovery::LookAtControlFiles() {
 }
 
 void Recovery::LookAtMail(SControl &control, Entry const &file) {
-  bool const isMail = control.Get(kKeyControlType).Get(0) == kTypeMail;
-  bool const hasHeader = !IsMissing(control.GetHeaderFilename());
-  bool const hasBody = !IsMissing(control.GetBodyFilename());
-  bool const isRecord = control.Get(kKeyFunction).Get(0) == kModuleErrorHandler;  // needs neither
-  if (!isRecord && hasHeader != hasBody) return ReportHalf(control, file, hasHeader);
-  if (!isRecord && isMail && !hasHeader) {  // the message is gone, delivered or lost; the control alone can do nothing
-    if (MoveToLost(file)) ++_report.lost;
+  if (!IsComplete(control)) {
+    bool const hasHeader = !IsMissing(control.GetHeaderFilename());
+    if (hasHeader || !IsMissing(control.GetBodyFilename())) return ReportHalf(control, file, hasHeader);
+    if (MoveToLost(file)) ++_report.lost;  // the message is gone, delivered or lost; the control alone can do nothing
     return;
   }
   if (!_scope.requeue) return;
@@ -178,6 +198,19 @@ void Recovery::LookAtMail(SControl &control, Entry const &file) {
 
 bool Recovery::IsControl(SControl &control) {
   return control.Read() != 0 && control.Get(kKeyFunction).Get(0).Length() > 0;
+}
+
+// Whether the message is there. A record of an error needs none.
+bool Recovery::IsComplete(SControl &control) {
+  bool const hasHeader = !IsMissing(control.GetHeaderFilename());
+  bool const hasBody = !IsMissing(control.GetBodyFilename());
+  bool const isMail = control.Get(kKeyControlType).Get(0) == kTypeMail;
+  return control.Get(kKeyFunction).Get(0) == kModuleErrorHandler || (hasHeader == hasBody && (hasHeader || !isMail));
+}
+
+void Recovery::SetGarbageAside(SControl &control, Entry const &file) {
+  bool const isGarbage = IsReadable(file.path) && !IsControl(control);  // a look that failed is taken once more
+  if (isGarbage && MoveToLost(file)) ++_report.lost;
 }
 
 // Whether the bytes of a file could be had: if not, nothing can be said of them.

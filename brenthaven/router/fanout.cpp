@@ -37,8 +37,10 @@ bool SSMTPRouterModule::_CommitBatch(SStringList const &entries, bool archive) {
   SNamedStringList const before(own);
   if (archive) own[kKeyArchiveTransferDone].Push(_logName);
   own[kKeyChannelToDone].Push(entries);
-  // In line the control has lost what the module before this one has done, and that may not be on disk yet.
-  if ((!IsInLine() || CommitBarrier()) && own.Write()) return true;
+  // In line the control has lost what the module before this one has done, and that may not be on disk yet; and what is
+  // recorded as archived is never archived again.
+  bool const isFinal = IsInLine() || archive;
+  if ((!isFinal || CommitBarrier()) && own.Write()) return true;
   static_cast<SNamedStringList &>(own) = before;
   return false;
 }

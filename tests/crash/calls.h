@@ -56,6 +56,7 @@ struct SCallBoard {
     char const *name;  // points into the program, which is the same in every child
     bool changes;      // whether the call alters what is stored or sent
     unsigned errors;   // bits of the rows of kErrors that it can give
+    char path[60];     // the end of the path it was called with; "" for a descriptor
   };
 
   static SCallBoard &Make();  // one a program; aborts when there is no memory

@@ -141,11 +141,11 @@ bool SPowerCut::_Enumerate(Effort const &effort, Visit const &visit) {
   return true;
 }
 
-std::string SPowerCut::Where() const {
+std::string SPowerCut::Described(size_t index) const {
   constexpr char const *kNames[] = {"meet",   "create", "unnamed", "write", "size",  "link",      "rename",
                                     "unlink", "mkdir",  "rmdir",   "flush", "flush", "flush all", "success"};
-  SFileOperation const &operation = _operations[_at];
-  std::string text = "behind " + std::to_string(_at) + " " + kNames[static_cast<size_t>(operation.kind)];
+  SFileOperation const &operation = _operations[index];
+  std::string text = std::to_string(index) + " " + kNames[static_cast<size_t>(operation.kind)];
   if (operation.file != 0) text += " #" + std::to_string(operation.file);
   for (std::string const &path : {operation.path, operation.target})
     if (!path.empty()) text += " " + path;
@@ -239,15 +239,26 @@ void SPowerCut::_FlushFile(File &file) {
   file.nodes.clear();
 }
 
+// What was done to an entry before something that is sure now is over as well: a rename out of a directory takes with
+// it how the name came there.
 void SPowerCut::_FlushDirectory(std::string const &directory) {
+  std::set<std::string> settled;
+  std::vector<bool> isSure(_unsure.size());
+  for (size_t i = _unsure.size(); i-- > 0;) {
+    EntryChange const &change = _unsure[i];
+    bool const isRename = change.kind == Kind::kRename;
+    isSure[i] = ParentOf(change.path) == directory || (isRename && ParentOf(change.target) == directory) ||
+                settled.contains(change.path) || (isRename && settled.contains(change.target));
+    if (!isSure[i]) continue;
+    settled.insert(change.path);
+    if (isRename) settled.insert(change.target);
+  }
   std::vector<EntryChange> left;
-  for (EntryChange &change : _unsure) {
-    bool const isIn =
-        ParentOf(change.path) == directory || (change.kind == Kind::kRename && ParentOf(change.target) == directory);
-    if (isIn)
-      _Apply(change, _sure);
+  for (size_t i = 0; i < _unsure.size(); ++i) {
+    if (isSure[i])
+      _Apply(_unsure[i], _sure);
     else
-      left.push_back(std::move(change));
+      left.push_back(std::move(_unsure[i]));
   }
   _unsure = std::move(left);
 }

@@ -59,8 +59,9 @@ public:
   // Trees told of so far that only the strict model allows, and all.
   long StrictStates() const { return _strictStates; }
   long States() const { return _states; }
-  // The operation behind which the power went in the tree that was told of last.
-  std::string Where() const;
+  // An operation in words; and the one behind which the power went in the tree that was told of last.
+  std::string Described(size_t index) const;
+  std::string Where() const { return "behind " + Described(_at); }
 
 private:
   enum class Content { kAll, kNone, kZeros, kTorn512, kTorn4096, kMixed };  // kMixed: each file in its own way

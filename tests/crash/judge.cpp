@@ -7,7 +7,7 @@
 namespace {
 
 constexpr char kControlSuffix[] = "-Control";
-constexpr size_t kShown = 400;  // bytes of a stranded file that are told
+constexpr size_t kShown = 1500;  // bytes of a stranded file that are told
 
 bool Contains(std::string const &text, std::string const &part) { return text.find(part) != std::string::npos; }
 
@@ -45,7 +45,8 @@ struct Control {
 
 class Judgement {
 public:
-  Judgement(SDiskImage const &tree, SScenario const &scenario) : _tree(tree), _scenario(scenario) {
+  Judgement(SDiskImage const &tree, SScenario const &scenario, bool callsFailed)
+      : _tree(tree), _scenario(scenario), _callsFailed(callsFailed) {
     for (auto const &[path, node] : tree.files) _Sort(path, node->bytes);
   }
 
@@ -54,7 +55,10 @@ public:
       long const found = _Count(mail, fate);
       if (found > 1) verdict.duplicates += found - 1;
       if (found > 0) continue;
-      if (fate.kind == SFate::Kind::kStored && _IsReported(fate.whom)) continue;
+      // A message that may go on in one way or be held may also come back to its sender.
+      if (fate.kind == SFate::Kind::kHeld && _IsReported(mail.subject)) continue;
+      if (_callsFailed && (fate.kind == SFate::Kind::kArchived || _IsReported(fate.whom) || _IsReported(mail.subject)))
+        continue;
       ++verdict.lost;
       _Tell("lost: " + mail.subject + " for " + fate.whom);
     }
@@ -115,18 +119,22 @@ private:
           return stored.first == fate.whom && IsMail(mail, HeaderOf(stored.second));
         });
       case SFate::Kind::kSent:
+      case SFate::Kind::kArchived:
         return std::ranges::count_if(_controls, [&](auto const &entry) {
           Control const &control = entry.second;
           return control.function == "SMTP-Deliver" && IsWhole(mail, "\r\n" + control.header, control.body) &&
                  Contains(control.text, "\r\nChannel-To: SMTP <" + fate.whom + ">\r\n");
         });
       case SFate::Kind::kHeld:
-        return std::ranges::count_if(_controls, [&](auto const &entry) {
-          return _IsKept(entry.second.place) && IsWhole(mail, "\r\n" + entry.second.header, entry.second.body);
-        });
+        return _CountHeld(mail);
       default:
-        return _IsReported(fate.whom) ? 1 : 0;
+        return _IsReported(fate.whom) ? 1 : _CountHeld(mail);
     }
+  }
+  long _CountHeld(SMail const &mail) const {
+    return std::ranges::count_if(_controls, [&](auto const &entry) {
+      return _IsKept(entry.second.place) && IsWhole(mail, "\r\n" + entry.second.header, entry.second.body);
+    });
   }
   // An error record, or a report that was sent or stored, names them.
   bool _IsReported(std::string const &whom) const {
@@ -179,6 +187,7 @@ private:
 
   SDiskImage const &_tree;
   SScenario const &_scenario;
+  bool _callsFailed;
   std::vector<std::pair<std::string, std::string>> _stored;  // account and message
   std::vector<std::pair<std::string, Control>> _controls;    // by path
 };
@@ -194,8 +203,9 @@ void SVerdict::Add(SVerdict const &other) {
   what.insert(what.end(), other.what.begin(), other.what.end());
 }
 
-SVerdict Judge(SDiskImage const &tree, SScenario const &scenario, std::uint64_t notes, std::string const &said) {
-  Judgement judgement(tree, scenario);
+SVerdict Judge(SDiskImage const &tree, SScenario const &scenario, std::uint64_t notes, std::string const &said,
+               bool callsFailed) {
+  Judgement judgement(tree, scenario, callsFailed);
   for (size_t i = 0; i < scenario.mails.size(); ++i)
     if ((notes >> i & 1) != 0) judgement.JudgeMail(scenario.mails[i]);
   judgement.JudgeRest();

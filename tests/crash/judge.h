@@ -20,5 +20,7 @@ struct SVerdict {
 };
 
 // A tree at rest, after all that could run has run. The mails with a bit in notes were accepted; `said` is what the
-// processes complained of.
-SVerdict Judge(SDiskImage const &tree, SScenario const &scenario, std::uint64_t notes, std::string const &said);
+// processes complained of. Where calls have failed an error report may stand for
+// the message, and archives may miss a copy.
+SVerdict Judge(SDiskImage const &tree, SScenario const &scenario, std::uint64_t notes, std::string const &said,
+               bool callsFailed);

@@ -110,8 +110,8 @@ bool ReadOptions(int argc, char **argv, Options &options) {
     else
       return false;
   }
-  for (size_t i = 0; options.ways.empty() && i < kUsualWays; ++i) options.ways.push_back(&kWays[i]);
-  if (options.ways.size() == 0) return false;
+  if (options.ways.empty())
+    for (size_t i = 0; i < kUsualWays; ++i) options.ways.push_back(&kWays[i]);
   if (options.stories.empty())
     for (SScenario const &scenario : AllScenarios()) options.stories.push_back(&scenario);
   return true;

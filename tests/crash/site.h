@@ -12,8 +12,9 @@ struct SFate {
   enum class Kind {
     kStored,    // stands in the mailbox of the account
     kSent,      // waits for the delivery to another host, with its files
-    kReported,  // an error record or a report names the recipient
+    kReported,  // an error record or a report names the recipient, or a person has to look at it
     kHeld,      // waits for a person, with its files
+    kArchived,  // as kSent, but a copy that cannot be written does not hold the message up
   };
   Kind kind;
   std::string whom;  // account, or address

@@ -98,7 +98,7 @@ void STrial::_Rehearse() {
 }
 
 // Recovery, then all that can run runs to its end, then judgement.
-SVerdict STrial::_Settle(std::uint64_t notes) {
+SVerdict STrial::_Settle(std::uint64_t notes, bool callsFailed) {
   SCallBoard &board = _site.Board();
   board.text[0] = '\0';
   int const status = _RunChild([&] {
@@ -112,7 +112,7 @@ SVerdict STrial::_Settle(std::uint64_t notes) {
     if (mailboxes.LoadEnv()) mailboxes.ComputeSizes();
   });
   if (status != 0) board.Say("what ran afterwards ended with " + Described(status));
-  return Judge(SDiskImage::Take(_site.Root()), _scenario, notes, board.text);
+  return Judge(SDiskImage::Take(_site.Root()), _scenario, notes, board.text, callsFailed);
 }
 
 void STrial::_Blame(SVerdict &verdict, std::string const &what) const {
@@ -184,6 +184,7 @@ SPowerCut::Effort STrial::_Effort() const {
 STally STrial::CutPower() {
   STally tally = _rehearsal;
   SPowerCut power(_stages.front().before, _operations);
+  for (size_t i = 0; _isVerbose && i < _operations.size(); ++i) printf("%s\n", power.Described(i).c_str());
   (void)power.Enumerate(_Effort(), [&](SDiskImage const &tree, std::uint64_t notes) {
     tree.Put(_site.Root());
     tally.verdict.Add(_JudgeAfter("power cut " + power.Where(), notes));
@@ -212,11 +213,7 @@ STally STrial::LeaveFlushesOut() {
     });
     if (!isNeedless) continue;
     ++tally.needless;
-    printf("  %s: nothing depends on flush %zu, in front of:", _scenario.name, i);
-    for (size_t next = i + 1; next < std::min(_operations.size(), i + 4); ++next)
-      printf(" %d %s%s", static_cast<int>(_operations[next].kind), _operations[next].path.c_str(),
-             _operations[next].target.c_str());
-    printf(" (%s%u)\n", _operations[i].path.c_str(), _operations[i].file);
+    printf("  %s: nothing depends on %s\n", _scenario.name, power.Described(i).c_str());
   }
   return tally;
 }
@@ -229,11 +226,11 @@ void STrial::_FailCall(STally &tally, size_t step, long call, size_t error, bool
   int const status = _RunStep(step, {SCallPlan::Act::kFail, call, kErrors[error].error, onwards});
   std::uint64_t const notes = _site.Board().notes;
   std::string const what = "step " + std::to_string(step) + ", call " + std::to_string(call) + ", " +
-                           stage.trace[call - 1].name + " gives " + kErrors[error].name +
-                           (onwards ? " from there on" : "");
+                           stage.trace[call - 1].name + " " + stage.trace[call - 1].path + " gives " +
+                           kErrors[error].name + (onwards ? " from there on" : "");
   ++tally.failures;
-  SVerdict verdict = _Settle(notes);
-  if (status != 0) {
+  SVerdict verdict = _Settle(notes, true);
+  if (WIFSIGNALED(status)) {
     ++verdict.wrong;
     verdict.what.push_back("ended with " + Described(status));
   }
@@ -290,9 +287,10 @@ STally STrial::FailAllocations() {
         });
         if (board.calls > count) count = board.calls;
         ++tally.allocations;
-        tally.verdict.Add(_JudgeAfter("step " + std::to_string(step) + ", allocation " + std::to_string(at) +
-                                          (onwards ? " and all behind it" : "") + " refused",
-                                      board.notes));
+        SVerdict verdict = _Settle(board.notes, true);
+        _Blame(verdict, "step " + std::to_string(step) + ", allocation " + std::to_string(at) +
+                            (onwards ? " and all behind it" : "") + " refused");
+        tally.verdict.Add(verdict);
       }
   return tally;
 }

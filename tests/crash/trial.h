@@ -46,7 +46,7 @@ private:
   void _Rehearse();
   int _RunChild(std::function<void()> const &body);
   int _RunStep(size_t step, SCallPlan const &plan, bool record = false);
-  SVerdict _Settle(std::uint64_t notes);
+  SVerdict _Settle(std::uint64_t notes, bool callsFailed = false);
   SVerdict _JudgeAfter(std::string const &what, std::uint64_t notes);
   void _Blame(SVerdict &verdict, std::string const &what) const;
   void _KillRecovery(STally &tally, std::string const &what, std::uint64_t notes);

@@ -109,6 +109,30 @@ TEST_F(RecoveryTest, WhatCanDoNothingIsSetAsideAndOnlyCopiesInTheMakingAreRemove
   close(lock);
 }
 
+// What a walk would take up for ever, or leave in control/ for ever.
+TEST_F(RecoveryTest, WhatAQueueCanNeverBeRidOfIsTakenOutOfIt) {
+  PutFile("deferred/SMTP-Router/empty-Control", "");
+  PutFile("deferred/SMTP-Deliver/host/zeros-Control", std::string(300, '\0'));
+  PutControl("deferred/Mailbox-Deliver/alone-Control", "Mailbox-Deliver");
+  PutControl("deferred/Mailbox-Deliver/half-Control", "Mailbox-Deliver");
+  PutFile("messages/half-Body", "half");
+  PutControl("deferred/Mailbox-Deliver/good-Control", "Mailbox-Deliver");
+  PutMessage("good");
+  PutControl("deferred/Held/record-Control", "Error-Handler");
+  PutFile("List-Exploder/daily/news.new", "half");
+  SRecoveryReport const report = Recover();
+  EXPECT_EQ(report.lost, 3) << log;
+  EXPECT_EQ(report.reported, 1) << log;
+  EXPECT_EQ(report.removed, 1) << log;
+  for (char const *name : {"empty", "zeros", "alone"})
+    EXPECT_TRUE(Exists("lost/" + std::string(name) + "-Control")) << name;
+  EXPECT_TRUE(Exists("deferred/Mailbox-Deliver/good-Control"));
+  EXPECT_TRUE(Exists("deferred/Held/record-Control"));
+  SControl record("half");
+  ASSERT_NE(record.Read(), 0);
+  EXPECT_EQ(record.Get(kKeyFunction).Get(0), kModuleErrorHandler);
+}
+
 TEST_F(RecoveryTest, OnlyOldMessageFilesWithoutAControlAreOrphans) {
   for (char const *name : {"young", "old", "waits"}) PutMessage(name);
   PutControl("deferred/SMTP-Deliver/host/waits-Control", "SMTP-Deliver");
