@@ -4,8 +4,9 @@
 PREFIX ?= /usr/local
 JOBS ?= $(shell nproc)
 SECONDS ?= 30
+MINUTES ?= 30
 
-.PHONY: run test build install asan fuzz bench check format clean
+.PHONY: run test build install asan crash soak fuzz bench check format clean
 
 run: build
 	scripts/run.sh $(if $(ONCE),--once)
@@ -26,6 +27,22 @@ asan:
 	cmake --preset asan
 	cmake --build build/asan -j $(JOBS)
 	ctest --test-dir build/asan --output-on-failure -j $(JOBS)
+
+# Kills at every call that changes something, power-cut states, and failing calls: the last line counts what was lost.
+crash:
+	scripts/packages.sh test
+	cmake --preset debug
+	cmake --build build/debug -j $(JOBS) --target crash
+	build/debug/tests/crash/crash --jobs $(JOBS)
+
+# The same and much more for hours; see docs/reliability.md.
+soak:
+	scripts/packages.sh test fuzz
+	cmake --preset debug
+	cmake --build build/debug -j $(JOBS) --target crash stress test_history test_property
+	cmake --preset fuzz
+	cmake --build build/fuzz -j $(JOBS) --target fuzz
+	scripts/soak.sh $(MINUTES)
 
 # Each fuzz target for SECONDS, or those in TARGETS. With FUZZ_OPTIONS=--adopt the tests' corpus grows.
 fuzz:

@@ -77,7 +77,7 @@ void STrial::_Rehearse() {
   _site.Install().Put(_site.Root());
   if (int const status = _RunChild([&] { _scenario.prepare(_site); }); status != 0) abort();
   for (size_t step = 0; step < _scenario.steps.size(); ++step) {
-    Stage stage{SDiskImage::Take(_site.Root()), board.notes, 0, {}, 0};
+    Stage stage{SDiskImage::Take(_site.Root()), board.notes, 0, {}};
     if (step == 0) {
       board.Clear();
       stage.notesBefore = 0;
@@ -269,28 +269,35 @@ STally STrial::FailCalls() {
   return tally;
 }
 
+// One run of a step with allocation number `at` refused, or none for 0: how many there were, if it came to its end.
+long STrial::_RunStarved(size_t step, long at, bool onwards) {
+  SCallBoard &board = _site.Board();
+  _stages[step].before.Put(_site.Root());
+  board.notes = _stages[step].notesBefore;
+  board.calls = 0;
+  (void)_RunChild([&] {
+    calls::Watch(board, {});
+    memory::Watch(at, onwards);
+    _scenario.steps[step](_site);
+    board.calls = memory::Count();
+  });
+  return board.calls;
+}
+
 STally STrial::FailAllocations() {
   STally tally = _rehearsal;
   if (!memory::IsSupported()) return tally;
-  SCallBoard &board = _site.Board();
-  for (size_t step = 0; step < _stages.size(); ++step)
+  for (size_t step = 0; step < _stages.size(); ++step) {
+    long const count = _RunStarved(step, 0, false);
     for (bool const onwards : {false, true})
-      for (long at = 1, count = 1; at <= count; at += !_isLong || at >= kAllocationsAll ? kAllocationsStride : 1) {
-        _stages[step].before.Put(_site.Root());
-        board.notes = _stages[step].notesBefore;
-        board.calls = 0;
-        (void)_RunChild([&] {
-          calls::Watch(board, {});
-          memory::Watch(at, onwards);
-          _scenario.steps[step](_site);
-          board.calls = memory::Count();
-        });
-        if (board.calls > count) count = board.calls;
+      for (long at = 1; at <= count; at += _isLong && at < kAllocationsAll ? 1 : kAllocationsStride) {
+        (void)_RunStarved(step, at, onwards);
         ++tally.allocations;
-        SVerdict verdict = _Settle(board.notes, true);
+        SVerdict verdict = _Settle(_site.Board().notes, true);
         _Blame(verdict, "step " + std::to_string(step) + ", allocation " + std::to_string(at) +
                             (onwards ? " and all behind it" : "") + " refused");
         tally.verdict.Add(verdict);
       }
+  }
   return tally;
 }

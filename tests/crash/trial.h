@@ -40,7 +40,6 @@ private:
     SDiskImage before;
     std::uint64_t notesBefore, notesAfter;
     std::vector<SCallBoard::Traced> trace;
-    long allocations;
   };
 
   void _Rehearse();
@@ -51,6 +50,7 @@ private:
   void _Blame(SVerdict &verdict, std::string const &what) const;
   void _KillRecovery(STally &tally, std::string const &what, std::uint64_t notes);
   void _FailCall(STally &tally, size_t step, long call, size_t error, bool onwards);
+  long _RunStarved(size_t step, long at, bool onwards);
   SPowerCut::Effort _Effort() const;
 
   Site &_site;
