@@ -337,7 +337,8 @@ bool Recovery::Rename(std::string const &from, std::string const &directory, std
     return false;
   }
   for (int tries = 0; tries < kNameTries; ++tries) {
-    std::string target = directory + "/" + name;
+    std::string target = directory;
+    target.append("/").append(name);
     if (tries > 0) target.append(".").append(std::to_string(tries));
     struct stat info;
     if (sys::Lstat(target.c_str(), &info) == 0) continue;
