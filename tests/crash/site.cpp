@@ -77,7 +77,11 @@ std::string SMail::Body() const {
 
 Site::Site(SCallBoard &board) : _board(board) {
   char const *const told = getenv("BRENTHAVEN_CRASH_DIR");
-  std::string pattern = std::string(told != nullptr ? told : "/dev/shm") + "/brenthaven-crash-XXXXXX";
+  bool const hasMemory = access("/dev/shm", W_OK) == 0;
+  std::string pattern = told != nullptr ? told
+                        : hasMemory     ? "/dev/shm"
+                                        : std::filesystem::temp_directory_path().string();
+  pattern += "/brenthaven-crash-XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) abort();
   _top = pattern;
   _root = pattern + "/root";
