@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 
+#include "brenthaven/accounts/constanttime.h"
 #include "brenthaven/spool/keys.h"
 
 namespace {
@@ -16,13 +17,6 @@ bool IsControlByte(char c) { return (static_cast<unsigned char>(c) & 0x7F) < 0x2
 
 bool IsModuleByte(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.';
-}
-
-bool SameInConstantTime(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  unsigned char difference = 0;
-  for (size_t i = 0; i < a.size(); ++i) difference |= static_cast<unsigned char>(a[i] ^ b[i]);
-  return difference == 0;
 }
 
 // Exactly five pieces, or false.
@@ -68,7 +62,7 @@ bool ParseNotification(std::string_view datagram, std::string_view key, Notifica
   std::array<std::string_view, 5> fields;
   if (!SplitFields(datagram, fields)) return false;
   auto const [name, sentKey, function, type, priority] = fields;
-  if (key.empty() || !SameInConstantTime(sentKey, key)) return false;
+  if (key.empty() || !SameBytes(sentKey, key)) return false;
   if (!IsMessageName(name) || !IsModuleName(function)) return false;
   if (type != "Mail" && type != "Request" && type != "Error") return false;
   int const value = ParsePriority(priority);

@@ -21,8 +21,8 @@
 namespace {
 
 // Entries of at least this share of a page get pages of their own. With the engine's default, 2, a split can find no
-// place for entries of nearly half a page, and loses records or ends the process. What is in
-// the file reads alike with any number.
+// place for entries of nearly half a page, and loses records or ends the process. What is in the file reads alike with
+// any number.
 constexpr int kEntriesPerPage = 3;
 
 constexpr SBTreeInfo kInfo = {.flags = 0,  // no duplicate keys

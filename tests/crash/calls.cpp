@@ -283,6 +283,12 @@ void SCallBoard::Clear() {
   text[0] = '\0';
 }
 
+void SCallBoard::Restart(std::uint64_t reported) {
+  calls = 0;
+  acted = false;
+  notes = reported;
+}
+
 void SCallBoard::Say(std::string const &line) {
   size_t const used = strlen(text);
   std::string const whole = (line + "\n").substr(0, kMaxText - 1 - used);

@@ -61,7 +61,8 @@ struct SCallBoard {
 
   static SCallBoard &Make();  // one a program; aborts when there is no memory
   void Clear();
-  void Say(std::string const &text);  // appended to `text` as far as there is room
+  void Restart(std::uint64_t reported);  // another run of a step, in front of which these successes had been reported
+  void Say(std::string const &text);     // appended to `text` as far as there is room
 
   long calls;           // made so far under a plan
   std::uint64_t notes;  // bit n: success number n was reported

@@ -133,13 +133,12 @@ STally STrial::KillEverywhere() {
       // Between two calls that change something the disk stays the same.
       if (!_isLong && !stage.trace[call - 1].changes) continue;
       stage.before.Put(_site.Root());
-      _site.Board().notes = stage.notesBefore;
-      _site.Board().calls = 0;
+      _site.Board().Restart(stage.notesBefore);
       (void)_RunStep(step, {SCallPlan::Act::kKill, call, 0, false});
       std::uint64_t const notes = _site.Board().notes;
       std::string const what = "step " + std::to_string(step) + " killed at call " + std::to_string(call) + ", " +
                                stage.trace[call - 1].name;
-      ++tally.kills;
+      tally.kills += _site.Board().acted;  // a run may make a call less than the one before
       if (tally.kills % kSecondKillEvery == 0) _KillRecovery(tally, what, notes);
       tally.verdict.Add(_JudgeAfter(what, notes));
     }
@@ -153,7 +152,7 @@ void STrial::_KillRecovery(STally &tally, std::string const &what, std::uint64_t
   SCallBoard &board = _site.Board();
   auto const recover = [&](SCallPlan const &plan) {
     tree.Put(_site.Root());
-    board.calls = 0;
+    board.Restart(notes);
     (void)_RunChild([&] {
       calls::Watch(board, plan);
       (void)RecoverSpool({});
@@ -164,7 +163,7 @@ void STrial::_KillRecovery(STally &tally, std::string const &what, std::uint64_t
   for (long call = 1; call <= static_cast<long>(trace.size()); ++call) {
     if (!trace[call - 1].changes) continue;
     recover({SCallPlan::Act::kKill, call, 0, false});
-    ++tally.recoveryKills;
+    tally.recoveryKills += board.acted;
     tally.verdict.Add(_JudgeAfter(what + ", and recovery at its call " + std::to_string(call), notes));
   }
   tree.Put(_site.Root());
@@ -221,14 +220,13 @@ STally STrial::LeaveFlushesOut() {
 void STrial::_FailCall(STally &tally, size_t step, long call, size_t error, bool onwards) {
   Stage const &stage = _stages[step];
   stage.before.Put(_site.Root());
-  _site.Board().notes = stage.notesBefore;
-  _site.Board().calls = 0;
+  _site.Board().Restart(stage.notesBefore);
   int const status = _RunStep(step, {SCallPlan::Act::kFail, call, kErrors[error].error, onwards});
   std::uint64_t const notes = _site.Board().notes;
   std::string const what = "step " + std::to_string(step) + ", call " + std::to_string(call) + ", " +
                            stage.trace[call - 1].name + " " + stage.trace[call - 1].path + " gives " +
                            kErrors[error].name + (onwards ? " from there on" : "");
-  ++tally.failures;
+  tally.failures += _site.Board().acted;
   SVerdict verdict = _Settle(notes, true);
   if (WIFSIGNALED(status)) {
     ++verdict.wrong;
@@ -273,8 +271,7 @@ STally STrial::FailCalls() {
 long STrial::_RunStarved(size_t step, long at, bool onwards) {
   SCallBoard &board = _site.Board();
   _stages[step].before.Put(_site.Root());
-  board.notes = _stages[step].notesBefore;
-  board.calls = 0;
+  board.Restart(_stages[step].notesBefore);
   (void)_RunChild([&] {
     calls::Watch(board, {});
     memory::Watch(at, onwards);
