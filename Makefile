@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 SECONDS ?= 30
 MINUTES ?= 30
 
-.PHONY: run test build install asan crash soak fuzz bench check format clean
+.PHONY: run test build install asan integer valgrind crash soak fuzz fuzz-afl bench check format clean
 
 run: build
 	scripts/run.sh $(if $(ONCE),--once)
@@ -27,6 +27,19 @@ asan:
 	cmake --preset asan
 	cmake --build build/asan -j $(JOBS)
 	ctest --test-dir build/asan --output-on-failure -j $(JOBS)
+
+# The same with clang's checks of integers: a value that is cut, or changes its sign, without a cast ends the test.
+integer:
+	scripts/packages.sh test fuzz
+	cmake --preset integer
+	cmake --build build/integer -j $(JOBS)
+	ctest --test-dir build/integer --output-on-failure -j $(JOBS)
+
+valgrind:
+	scripts/packages.sh test valgrind
+	cmake --preset debug
+	cmake --build build/debug -j $(JOBS)
+	JOBS=$(JOBS) scripts/valgrind.sh $(TESTS)
 
 # Kills at every call that changes something, power-cut states, and failing calls: the last line counts what was lost.
 crash:
@@ -50,6 +63,13 @@ fuzz:
 	cmake --preset fuzz
 	cmake --build build/fuzz -j $(JOBS) --target fuzz
 	JOBS=$(JOBS) scripts/fuzz.sh $(FUZZ_OPTIONS) $(SECONDS) $(TARGETS)
+
+# A second engine on the inputs that come from the network first.
+fuzz-afl:
+	scripts/packages.sh test fuzz afl
+	cmake --preset afl
+	cmake --build build/afl -j $(JOBS) --target fuzz
+	JOBS=$(JOBS) scripts/fuzzafl.sh $(SECONDS) $(TARGETS)
 
 bench:
 	scripts/packages.sh test

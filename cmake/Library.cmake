@@ -20,7 +20,7 @@ foreach(target brenthaven_shared brenthaven_static)
   target_compile_features(${target} INTERFACE cxx_std_20)
   target_include_directories(${target} INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   if(BRENTHAVEN_SANITIZE)
-    target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+    target_link_options(${target} PRIVATE -fsanitize=${BRENTHAVEN_SANITIZE})
   endif()
 endforeach()
 

@@ -3,11 +3,17 @@
 add_library(brenthaven_options INTERFACE)
 target_compile_features(brenthaven_options INTERFACE cxx_std_20)
 target_include_directories(brenthaven_options INTERFACE $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>)
-target_compile_options(brenthaven_options INTERFACE -Wall -Wextra $<$<BOOL:${BRENTHAVEN_WERROR}>:-Werror>)
+target_compile_options(
+  brenthaven_options
+  INTERFACE -Wall -Wextra -Wconversion $<$<BOOL:${BRENTHAVEN_WERROR}>:-Werror>
+            $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion> $<$<COMPILE_LANG_AND_ID:C,GNU>:-fanalyzer>)
+# The C library's checks of buffers need an optimising build.
+target_compile_definitions(brenthaven_options INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>
+                                                        $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
 if(BRENTHAVEN_SANITIZE)
-  target_compile_options(brenthaven_options INTERFACE -fsanitize=address,undefined -fno-omit-frame-pointer
-                                                      -fno-sanitize-recover=undefined)
-  target_link_options(brenthaven_options INTERFACE -fsanitize=address,undefined)
+  target_compile_options(brenthaven_options INTERFACE -fsanitize=${BRENTHAVEN_SANITIZE} -fno-omit-frame-pointer
+                                                      -fno-sanitize-recover=all)
+  target_link_options(brenthaven_options INTERFACE -fsanitize=${BRENTHAVEN_SANITIZE})
 endif()
 
 # mail_folder(text SOURCES sstring.cpp ... [NEEDS platform ...] [LIBRARIES ${MD_LIBRARY} ...])

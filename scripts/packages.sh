@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that a step needs and that are not there: packages.sh build|test|fuzz|check
+# Installs the Debian packages that a step needs and that are not there: packages.sh build|test|fuzz|afl|valgrind|check
 set -euo pipefail
 
 build=(g++ cmake ninja-build make pkg-config libdb1-compat libsqlite3-dev libcrypto++-dev libmd-dev
        libldap-dev libsasl2-dev libpam0g-dev libsystemd-dev libcrypt-dev libcli11-dev nlohmann-json3-dev)
 test=(libgtest-dev libgmock-dev libbenchmark-dev slapd ldap-utils libsasl2-modules openssl dbus)
 fuzz=(clang libclang-rt-14-dev)
+afl=(afl++)
+valgrind=(valgrind)
 check=(clang-format clang-tidy)
 
 wanted=("${build[@]}")
@@ -14,6 +16,8 @@ for step in "$@"; do
     build) ;;
     test) wanted+=("${test[@]}") ;;
     fuzz) wanted+=("${fuzz[@]}") ;;
+    afl) wanted+=("${afl[@]}") ;;
+    valgrind) wanted+=("${valgrind[@]}") ;;
     check) wanted+=("${check[@]}") ;;
     *) echo "packages.sh: no such step: $step" >&2; exit 64 ;;
   esac

@@ -31,9 +31,9 @@ void Pause(double seconds) {
 }
 
 int OpenOrMake(SString const &path) {
-  int fd = sys::Open(path, O_RDWR);
+  int fd = sys::Open(path, O_RDWR | O_NOFOLLOW);
   if (fd >= 0 || errno != ENOENT) return fd;
-  fd = sys::Open(path, O_RDWR | O_CREAT, 0660);
+  fd = sys::Open(path, O_RDWR | O_CREAT | O_NOFOLLOW, 0660);
   if (fd >= 0) (void)sys::Fchmod(fd, 0660);  // refused to who is not the owner: another process made it just now
   return fd;
 }

@@ -145,7 +145,8 @@ SString _DecodeName(SString const &message, int *position) {
 }
 
 bool IsSendableName(SString const &name) {
-  int length = 1;  // of the encoded name
+  if (name.View().find("..") != std::string_view::npos) return false;  // an empty label would end the name
+  int length = 1;                                                      // of the encoded name
   for (SString const &label : LabelsOf(name)) {
     if (label.Length() < 1 || label.Length() > kLongestLabel) return false;
     length += 1 + label.Length();

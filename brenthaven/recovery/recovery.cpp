@@ -129,7 +129,7 @@ void Recovery::RemoveListTemporaries(std::string const &directory) {
   for (Entry const &entry : Entries(directory)) {
     if (!S_ISREG(entry.info.st_mode) || !EndsWith(entry.name, kNewSuffix) || !IsUnwritten(entry)) continue;
     std::string const lock = entry.path.substr(0, entry.path.size() - kNewSuffix.size()).append(kLockSuffix);
-    SDescriptor const file(sys::Open(lock.c_str(), O_RDWR | O_CREAT));
+    SDescriptor const file(sys::Open(lock.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW));
     if (file.IsOpen() && sys::Lock(file.Get(), F_WRLCK, 0, 1, false) == 0) (void)Remove(entry);
   }
 }
@@ -215,7 +215,7 @@ void Recovery::SetGarbageAside(SControl &control, Entry const &file) {
 
 // Whether the bytes of a file could be had: if not, nothing can be said of them.
 bool Recovery::IsReadable(std::string const &path) {
-  SDescriptor const file(sys::Open(path.c_str(), O_RDONLY));
+  SDescriptor const file(sys::Open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
   char byte;
   if (file.IsOpen() && sys::Pread(file.Get(), &byte, 1, 0) >= 0) return true;
   if (errno != ENOENT) Failed("cannot read " + path);

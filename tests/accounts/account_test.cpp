@@ -36,7 +36,7 @@ TEST_F(AccountTest, UnknownAttributesFailGently) {
   EXPECT_EQ(account.Get("no-such").Length(), 0);
   EXPECT_EQ(account.Get(kAttrCount).Length(), 0);
   EXPECT_FALSE(account.GetString(-1).Defined());
-  EXPECT_EQ(Texts(account.Values()), Strings{});
+  EXPECT_EQ(List(account.Values()), Texts{});
 }
 
 TEST_F(AccountTest, ValuesNamesWhatTheAccountHas) {
@@ -46,7 +46,7 @@ TEST_F(AccountTest, ValuesNamesWhatTheAccountHas) {
   SAccount account;
   ASSERT_EQ(SAccountDB().GetAccountInfo("ann", &account), 1);
   // A finished hash is a Password; an attribute without values stands all the same.
-  EXPECT_EQ(Texts(account.Values()), (Strings{"Name", "Password", "List-MailCount"}));
+  EXPECT_EQ(List(account.Values()), (Texts{"Name", "Password", "List-MailCount"}));
   EXPECT_EQ(Text(account.GetString(kAttrPassword)), std::string(64, 'x'));
   EXPECT_EQ(account.Get(kAttrRawPassword).Length(), 0);
 }
@@ -75,10 +75,10 @@ TEST_F(AccountTest, LocalAddressGoesBeforeRemoteOne) {
   SAccount account;
   ASSERT_EQ(SAccountDB().GetAccountInfo("ann", &account), 1);
   EXPECT_EQ(Text(account.GetPrimaryAddress()), "ann@far.example");
-  EXPECT_EQ(Texts(SAccount::GetAddress_s("ann")), Strings{"ann@far.example"});
+  EXPECT_EQ(List(SAccount::GetAddress_s("ann")), Texts{"ann@far.example"});
   Put("ann", kAttrSmtpAddress, {"ann@here.example", "a@here.example"});
   EXPECT_EQ(Text(account.GetPrimaryAddress()), "ann@here.example");
-  EXPECT_EQ(Texts(SAccount::GetAddress_s("ann")), (Strings{"ann@here.example", "a@here.example"}));
+  EXPECT_EQ(List(SAccount::GetAddress_s("ann")), (Texts{"ann@here.example", "a@here.example"}));
 }
 
 TEST_F(AccountTest, TemplatesAreNotFoundAndHoldNothingUnique) {
@@ -96,7 +96,7 @@ TEST_F(AccountTest, TemplatesAreNotFoundAndHoldNothingUnique) {
 
 TEST_F(AccountTest, PasswordIsStoredAsHashAndReadably) {
   ASSERT_EQ(Put("ann", kAttrPassword, {"Tr0ub4dor", "ignored"}), 1);
-  Strings const stored = Values("ann", kAttrPassword);
+  Texts const stored = Values("ann", kAttrPassword);
   ASSERT_EQ(stored.size(), 1u);
   EXPECT_EQ(StringComp("Tr0ub4dor", stored[0].c_str()), 1);
   EXPECT_EQ(Text(SAuxPassword().GetPassword("ann")), "Tr0ub4dor");
@@ -108,10 +108,10 @@ TEST_F(AccountTest, PasswordIsStoredAsHashAndReadably) {
 
 TEST_F(AccountTest, ProgramPasswordIsCoveredOnDisk) {
   ASSERT_EQ(Put("ann", kAttrProgDelPassword, "letmein"), 1);
-  EXPECT_EQ(Values("ann", kAttrProgDelPassword), Strings{"letmein"});
+  EXPECT_EQ(Values("ann", kAttrProgDelPassword), Texts{"letmein"});
   EXPECT_EQ(FileBytes("config/BTAccounts.a").find("letmein"), std::string::npos);
   EXPECT_EQ(Put("ann", kAttrProgDelPassword, ""), 1);
-  EXPECT_EQ(Values("ann", kAttrProgDelPassword), Strings{});
+  EXPECT_EQ(Values("ann", kAttrProgDelPassword), Texts{});
 }
 
 TEST_F(AccountTest, RemoteSubscriberGoesWithItsLastSubscription) {
@@ -127,11 +127,11 @@ TEST_F(AccountTest, RemoteSubscriberGoesWithItsLastSubscription) {
     EXPECT_EQ(account.Set(kAttrSubscribedLists, SStringList()), 1);
     EXPECT_EQ(account.Set(kAttrSubscribedLists, "l3"), 1);
   }
-  EXPECT_EQ(Values("far", kAttrSubscribedLists), Strings{"l3"}) << "filled again before the end";
+  EXPECT_EQ(Values("far", kAttrSubscribedLists), Texts{"l3"}) << "filled again before the end";
   for (char const *uid : {"far", "near"}) EXPECT_EQ(Put(uid, kAttrSubscribedLists, SStringList()), 1);
   EXPECT_FALSE(Exists("far"));
   EXPECT_TRUE(Exists("near"));
-  EXPECT_EQ(Texts(SAccountDB().IndexLookup(kAttrRemoteSmtpAddress, "far@else.example")), Strings{});
+  EXPECT_EQ(List(SAccountDB().IndexLookup(kAttrRemoteSmtpAddress, "far@else.example")), Texts{});
 }
 
 TEST_F(AccountTest, OneWriterObjectMovesOnWithoutDeletingTheWrongAccount) {

@@ -26,32 +26,32 @@ TEST_F(AccountDBTest, FindsAccountsByWhatACallerHolds) {
   EXPECT_EQ(Owner("a@example.org"), "ann");
   EXPECT_FALSE(store.GetAccountUID(S821Address("<x@example.org>")).Defined());
   EXPECT_EQ(Text(store.GetAccountUID(SPopName("ann.pop"))), "ann");
-  EXPECT_EQ(Texts(store.GetAccountUID(SAccountName("smith"))), (Strings{"ann", "bob"}));
-  EXPECT_EQ(Texts(store.GetAccountUID(SString("carol"))), Strings{"bob"});
-  EXPECT_EQ(Texts(store.GetAccountUID(SGroupName("smith"))), Strings{});
-  EXPECT_EQ(Texts(store.GetAccountDelUID(S821Address("<bob@far.example>"))), Strings{"bob"});
+  EXPECT_EQ(List(store.GetAccountUID(SAccountName("smith"))), (Texts{"ann", "bob"}));
+  EXPECT_EQ(List(store.GetAccountUID(SString("carol"))), Texts{"bob"});
+  EXPECT_EQ(List(store.GetAccountUID(SGroupName("smith"))), Texts{});
+  EXPECT_EQ(List(store.GetAccountDelUID(S821Address("<bob@far.example>"))), Texts{"bob"});
   EXPECT_EQ(Text(store.GetAccountUID("SMTP", "a@example.org")), "ann");
   EXPECT_FALSE(store.GetAccountUID("smtp", "a@example.org").Defined());
-  EXPECT_EQ(Texts(store.GetNameList()), Strings{"smith"});
-  EXPECT_EQ(Texts(store.IndexLookup("SMTP-Address", "A@example.org")), Strings{"ann"});
-  EXPECT_EQ(Texts(store.IndexLookup("no-such", "x")), Strings{});
+  EXPECT_EQ(List(store.GetNameList()), Texts{"smith"});
+  EXPECT_EQ(List(store.IndexLookup("SMTP-Address", "A@example.org")), Texts{"ann"});
+  EXPECT_EQ(List(store.IndexLookup("no-such", "x")), Texts{});
   EXPECT_EQ(store.IndexLookupCount("Name", "smith"), 2);
   EXPECT_EQ(store.IndexListCount("SMTP-Address"), 2);
-  EXPECT_EQ(Texts(store.IndexList("POP-Address")), Strings{"ann.pop"});
+  EXPECT_EQ(List(store.IndexList("POP-Address")), Texts{"ann.pop"});
   SStringList values, uids;
   store.IndexPrefixList("SMTP-Address", "an", &values, &uids);
-  EXPECT_EQ(Texts(values), Strings{"ann@example.org"});
-  EXPECT_EQ(Texts(uids), Strings{"ann"});
+  EXPECT_EQ(List(values), Texts{"ann@example.org"});
+  EXPECT_EQ(List(uids), Texts{"ann"});
   store.IndexRangeList("SMTP-Address", "a", "b", &values, &uids);
-  EXPECT_EQ(Texts(uids), (Strings{"ann", "ann"}));
+  EXPECT_EQ(List(uids), (Texts{"ann", "ann"}));
 }
 
 TEST_F(AccountDBTest, ParentDomainsAreFoundBySuffix) {
   Put("ann", kAttrParentDomains, "sub.Example.org");
   SAccountDB store;
   for (char const *domain : {"example.org", "sub.example.org", "ORG"})
-    EXPECT_EQ(Texts(store.IndexLookup(kAttrParentDomains, domain)), Strings{"ann"}) << domain;
-  EXPECT_EQ(Texts(store.IndexLookup(kAttrParentDomains, "ample.org")), Strings{});
+    EXPECT_EQ(List(store.IndexLookup(kAttrParentDomains, domain)), Texts{"ann"}) << domain;
+  EXPECT_EQ(List(store.IndexLookup(kAttrParentDomains, "ample.org")), Texts{});
 }
 
 TEST_F(AccountDBTest, EmptyStoreHasNothingAndThatIsNoFailure) {
@@ -72,7 +72,7 @@ TEST_F(AccountDBTest, UniqueValuesBelongToOneAccount) {
     EXPECT_EQ(Put("ann", attribute, "one@example.org"), 1);
     EXPECT_EQ(Put("bob", attribute, "ONE@example.org"), 0) << attribute;
     EXPECT_EQ(Put("ann", attribute, {"two@example.org", "one@example.org"}), 1);
-    EXPECT_EQ(Values("bob", attribute), Strings{}) << attribute;
+    EXPECT_EQ(Values("bob", attribute), Texts{}) << attribute;
   }
 }
 
@@ -100,9 +100,9 @@ TEST_F(AccountDBTest, DeletionTakesEveryMentionAlong) {
   Put("all", kAttrAccountDelivery, {"list", "ann"});
   EXPECT_EQ(SAccountDBMod().DeleteAccount("list"), 1);
   for (char const *uid : {"list", "list-manager", "list-owner", "far"}) EXPECT_FALSE(Exists(uid)) << uid;
-  EXPECT_EQ(Values("ann", kAttrSubscribedLists), Strings{"other"});
-  EXPECT_EQ(Values("ann", kAttrListOwners), Strings{});
-  EXPECT_EQ(Values("all", kAttrAccountDelivery), Strings{"ann"});
+  EXPECT_EQ(Values("ann", kAttrSubscribedLists), Texts{"other"});
+  EXPECT_EQ(Values("ann", kAttrListOwners), Texts{});
+  EXPECT_EQ(Values("all", kAttrAccountDelivery), Texts{"ann"});
   EXPECT_FALSE(SAuxPassword().GetPassword("list").Defined());
   EXPECT_EQ(SAccountDBMod().DeleteAccount("list"), 0);
   EXPECT_EQ(SAccountDBMod().DeleteAccount(""), 0);
@@ -122,9 +122,9 @@ TEST_F(AccountDBTest, CountsAndLimits) {
   EXPECT_EQ(store.GetUserLimit(), 20);
   EXPECT_EQ(store.GetListLimit(), 0);
   EXPECT_EQ(store.GetListSubscriberLimit(), 0);
-  EXPECT_EQ(Texts(store.GetLocalMailDomains()), (Strings{"example.org", "example.net"}));
+  EXPECT_EQ(List(store.GetLocalMailDomains()), (Texts{"example.org", "example.net"}));
   settings.Set("LocalMailDomains", "changed.example");
-  EXPECT_EQ(Texts(store.GetLocalMailDomains()), Strings{"changed.example"}) << "read at each call";
+  EXPECT_EQ(List(store.GetLocalMailDomains()), Texts{"changed.example"}) << "read at each call";
 }
 
 TEST_F(AccountDBTest, OtherFilesWaitForTheEndOfTheWriteSection) {
@@ -157,7 +157,7 @@ TEST_F(AccountDBTest, FailedReadIsToldFromAbsence) {
   EXPECT_EQ(SAccountDB::ReadFailed(), 1u);
   SAccountDB::ClearReadFailed();
   EXPECT_EQ(SAccountDB::ReadFailed(), 0u);
-  EXPECT_EQ(Values("ann", kAttrSmtpAddress), Strings{"ann@example.org"});
+  EXPECT_EQ(Values("ann", kAttrSmtpAddress), Texts{"ann@example.org"});
   EXPECT_EQ(SAccountDB::ReadFailed(), 0u) << "the other file is sound";
 }
 

@@ -18,8 +18,8 @@ protected:
     EXPECT_EQ(isThere ? tree.Set(SString(key), SString(value)) : tree.Delete(SString(key)), 1u);
     tree.UnlockWrite();
   }
-  static Strings Faults() {
-    Strings faults;
+  static Texts Faults() {
+    Texts faults;
     SAccountCheck const check = CheckAccountFiles([&](SString const &fault) { faults.push_back(Text(fault)); });
     EXPECT_EQ(check.faults, static_cast<long>(faults.size()));
     EXPECT_FALSE(check.readFailed);
@@ -32,7 +32,7 @@ TEST_F(AccountCheckTest, EachDisagreementIsToldOnce) {
   ASSERT_EQ(Put("ann", kAttrAccessDomains, "none"), 1);
   ASSERT_EQ(Put("ann", kAttrParentDomains, "Sub.example.org"), 1);
   ASSERT_EQ(Put("Default", kAttrSmtpAddress, "t@example.org"), 1);
-  ASSERT_EQ(Faults(), Strings{});
+  ASSERT_EQ(Faults(), Texts{});
 
   constexpr char const *kAttributes = "BTAccounts.a";
   constexpr char const *kIndex = "BTAccounts.i";
@@ -40,7 +40,7 @@ TEST_F(AccountCheckTest, EachDisagreementIsToldOnce) {
     char const *file;
     std::string_view key;
     bool isThere;  // the record is added; else it is taken away
-    Strings want;
+    Texts want;
   } const cases[] = {
       {kIndex,
        "\x11"
@@ -80,18 +80,18 @@ TEST_F(AccountCheckTest, EachDisagreementIsToldOnce) {
     EXPECT_EQ(Faults(), row.want);
     Plant(row.file, row.key, !row.isThere);
   }
-  EXPECT_EQ(Faults(), Strings{});
+  EXPECT_EQ(Faults(), Texts{});
 }
 
 TEST_F(AccountCheckTest, AccountsOfManyValuesAreCheckedValueByValue) {
   SStringList members;
   for (int i = 0; i < 200; ++i) members.Push("m" + MakeSString(i));
   ASSERT_EQ(Put("all", kAttrAccountDelivery, members), 1);
-  ASSERT_EQ(Faults(), Strings{});
+  ASSERT_EQ(Faults(), Texts{});
   Plant("BTAccounts.i", "\x02m7\0all"sv, false);
   Plant("BTAccounts.i", "\x02x\0all"sv, true);
-  EXPECT_EQ(Faults(), (Strings{"all: Account-Delivery: a value is missing in the index",
-                               "all: Account-Delivery: the index has a value that the account lacks"}));
+  EXPECT_EQ(Faults(), (Texts{"all: Account-Delivery: a value is missing in the index",
+                             "all: Account-Delivery: the index has a value that the account lacks"}));
 }
 
 TEST_F(AccountCheckTest, UnreadableFilesAreToldFromSoundOnes) {

@@ -85,13 +85,13 @@ TEST_F(PatternTest, SetReplacesAndAFailedMatchKeepsTheLast) {
   EXPECT_EQ(rules.Match(info), 1U);
   info.SetAuthProvided(0);
   EXPECT_EQ(rules.Match(info), 0U);
-  EXPECT_EQ(Texts(rules), Strings{"a"});
+  EXPECT_EQ(List(rules), Texts{"a"});
   rules.Set(Tokens("never d"));
-  EXPECT_EQ(Texts(rules), Strings{}) << "nothing is left of the old rules";
+  EXPECT_EQ(List(rules), Texts{}) << "nothing is left of the old rules";
   for (int i = 0; i < 100; ++i) rules.AddPattern("never", SStringList(), "e", SStringList());
   rules.AddPattern("always", SStringList(), "f", "g");
   EXPECT_EQ(rules.Match(info), 1U);
-  EXPECT_EQ(Texts(rules), (Strings{"f", "g"}));
+  EXPECT_EQ(List(rules), (Texts{"f", "g"}));
 }
 
 TEST_F(PatternTest, AccountIsLookedUpOnceAndOnlyWhenATestNeedsIt) {

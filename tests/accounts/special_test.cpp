@@ -10,12 +10,12 @@ namespace {
 class SpecialAccountsTest : public AccountFixture {
 protected:
   // Every attribute of every account.
-  static std::map<std::string, std::map<std::string, Strings>> Everything() {
-    std::map<std::string, std::map<std::string, Strings>> all;
+  static std::map<std::string, std::map<std::string, Texts>> Everything() {
+    std::map<std::string, std::map<std::string, Texts>> all;
     for (SString const &uid : SAccountDB().AccountUIDList()) {
       SAccount account;
       EXPECT_EQ(SAccountDB().GetAccountInfo(uid, &account), 1);
-      for (SString const &name : account.Values()) all[Text(uid)][Text(name)] = Texts(account.Get(name));
+      for (SString const &name : account.Values()) all[Text(uid)][Text(name)] = List(account.Get(name));
     }
     return all;
   }
@@ -25,7 +25,7 @@ TEST_F(SpecialAccountsTest, MakesWhatAnInstallationNeeds) {
   EXPECT_EQ(CreateSpecialAccounts("example.org", "mail.example.org"), 1u);
   auto const all = Everything();
   EXPECT_EQ(all.at("Account-Manager"),
-            (std::map<std::string, Strings>{
+            (std::map<std::string, Texts>{
                 {"Name", {"Account Manager"}},
                 {"Manager-Delivery", {"Account-Manager"}},
                 {"SMTP-Address", {"Accounts@mail.example.org", "Accounts@example.org", "Account@example.org"}},
@@ -33,12 +33,12 @@ TEST_F(SpecialAccountsTest, MakesWhatAnInstallationNeeds) {
                 {"Finger-Access", {"none"}},
                 {"Access-Domains", {"none"}},
                 {"Locked", {"yes"}}}));
-  EXPECT_EQ(all.at("List-Manager").at("SMTP-Address"), (Strings{"List.Manager@example.org", "Majordomo@example.org"}));
-  EXPECT_EQ(all.at("List-Manager").at("Handler-Delivery"), Strings{"List-Manager"});
-  EXPECT_EQ(all.at("Default"), (std::map<std::string, Strings>{{"SMTP-RewriteStyle", {"comment"}}}));
+  EXPECT_EQ(all.at("List-Manager").at("SMTP-Address"), (Texts{"List.Manager@example.org", "Majordomo@example.org"}));
+  EXPECT_EQ(all.at("List-Manager").at("Handler-Delivery"), Texts{"List-Manager"});
+  EXPECT_EQ(all.at("Default"), (std::map<std::string, Texts>{{"SMTP-RewriteStyle", {"comment"}}}));
   EXPECT_EQ(all.at("Default-List").size(), 20u);
   EXPECT_EQ(all.at("All-Mailboxes").size(), 31u);
-  EXPECT_EQ(all.at("All-Mailboxes").at("List-Approved-Posters"), Strings{"Postmaster@example.org"});
+  EXPECT_EQ(all.at("All-Mailboxes").at("List-Approved-Posters"), Texts{"Postmaster@example.org"});
   EXPECT_EQ(Owner("owner-all-mailboxes@example.org"), "All-Mailboxes-Owner-Account");
   EXPECT_EQ(Owner("all-mailboxes-request@example.org"), "All-Mailboxes-Manager-Account");
   EXPECT_EQ(Owner("configuration@mail.example.org"), "Configuration-Manager");
@@ -59,7 +59,7 @@ TEST_F(SpecialAccountsTest, EmptyAndRepeatedDomainsArePassedOver) {
   struct Case {
     char const *primary;
     char const *secondary;
-    Strings error, accounts, approved;
+    Texts error, accounts, approved;
   } const cases[] = {
       {"a.example",
        "",
@@ -88,24 +88,24 @@ TEST_F(SpecialAccountsTest, MendsWhatAnOldInstallationLacks) {
   Put("Default-List", kAttrListPriority, "1");
   CreateSpecialAccounts("example.org", "mail.example.org");
   EXPECT_EQ(Values("Error-Handler", kAttrSmtpAddress),
-            (Strings{"Error-Handler@mail.example.org", "Error-Handler@example.org"}));
-  EXPECT_EQ(Values("Error-Handler", kAttrLocked), Strings{}) << "otherwise left alone";
-  EXPECT_EQ(Values("Default-List", kAttrAccessDomains), Strings{"none"});
-  EXPECT_EQ(Values("Default-List", kAttrListPriority), Strings{"1"});
+            (Texts{"Error-Handler@mail.example.org", "Error-Handler@example.org"}));
+  EXPECT_EQ(Values("Error-Handler", kAttrLocked), Texts{}) << "otherwise left alone";
+  EXPECT_EQ(Values("Default-List", kAttrAccessDomains), Texts{"none"});
+  EXPECT_EQ(Values("Default-List", kAttrListPriority), Texts{"1"});
 }
 
 TEST_F(SpecialAccountsTest, AddressThatSomebodyHasIsLeftToThem) {
   Put("ann", kAttrSmtpAddress, "majordomo@example.org");
   EXPECT_EQ(CreateSpecialAccounts("example.org", ""), 1u);
   EXPECT_EQ(Owner("majordomo@example.org"), "ann");
-  EXPECT_EQ(Values("List-Manager", kAttrAccessDomains), Strings{"none"}) << "the run went on";
+  EXPECT_EQ(Values("List-Manager", kAttrAccessDomains), Texts{"none"}) << "the run went on";
 }
 
 TEST_F(SpecialAccountsTest, ListsOfReservedNames) {
-  EXPECT_EQ(Texts(GetReservedAccountList()),
-            (Strings{"List-Manager", "Account-Manager", "Configuration-Manager", "Error-Handler"}));
-  EXPECT_EQ(Texts(GetSpecialAccountList()), (Strings{"List-Manager", "Account-Manager", "Configuration-Manager",
-                                                     "Error-Handler", "Postmaster", "Default", "Default-List"}));
+  EXPECT_EQ(List(GetReservedAccountList()),
+            (Texts{"List-Manager", "Account-Manager", "Configuration-Manager", "Error-Handler"}));
+  EXPECT_EQ(List(GetSpecialAccountList()), (Texts{"List-Manager", "Account-Manager", "Configuration-Manager",
+                                                  "Error-Handler", "Postmaster", "Default", "Default-List"}));
 }
 
 TEST_F(SpecialAccountsTest, GeneratedUIDsAreFreeAndSafe) {

@@ -1,4 +1,5 @@
 #include "brenthaven/address/parser821.h"
+#include "tests/support/texts.h"
 
 #include <gtest/gtest.h>
 
@@ -33,8 +34,6 @@ std::string Tokens(SString const &text) {
   } while (!token.Is(SToken::kEnd | SToken::kError));
   return all;
 }
-
-SString Bytes(std::string const &bytes) { return SString(bytes.data(), static_cast<int>(bytes.size())); }
 
 struct TokenRow {
   std::string text;

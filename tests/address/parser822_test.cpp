@@ -1,12 +1,11 @@
 #include "brenthaven/address/parser822.h"
+#include "tests/support/texts.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
 namespace {
-
-SString Bytes(std::string const &bytes) { return SString(bytes.data(), static_cast<int>(bytes.size())); }
 
 // The types of all tokens in hex, up to the end or an error.
 std::string Types(SString const &text) {

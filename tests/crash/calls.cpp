@@ -465,7 +465,7 @@ int link(char const *from, char const *to) {
 
 int linkat(int fromDirectory, char const *from, int toDirectory, char const *to, int flags) {
   REAL(linkat);
-  if (!Enter("linkat", true, kNameErrors, nullptr, to)) return -1;
+  if (!Enter("link", true, kNameErrors, nullptr, to)) return -1;
   int const result = real(fromDirectory, from, toDirectory, to, flags);
   if (result == 0 && IsRecording()) RecordLink(from, to);
   return result;
@@ -561,6 +561,14 @@ FCNTL_LIKE(fcntl64)
 int fchmod(int fd, mode_t mode) {
   REAL(fchmod);
   return Enter("fchmod", true, kIo | kAccess) ? real(fd, mode) : -1;
+}
+int fchown(int fd, uid_t owner, gid_t group) {
+  REAL(fchown);
+  return Enter("fchown", true, kIo | kAccess) ? real(fd, owner, group) : -1;
+}
+int futimens(int fd, struct timespec const times[2]) noexcept {
+  REAL(futimens);
+  return Enter("utimens", true, kIo | kAccess) ? real(fd, times) : -1;
 }
 int chmod(char const *path, mode_t mode) {
   REAL(chmod);

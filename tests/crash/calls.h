@@ -3,7 +3,7 @@
 // A program that links calls.cpp has functions of its own for open, write, rename, fsync and the like. They stand in
 // front of the C library's for all code in the process: ours, SQLite's and the B-tree engine's. What goes through them
 // is counted, and one call can be singled out to end the process or to fail; what they do to files below one directory
-// can be recorded. A second list of the same calls, taken from outside by strace, shows that nothing goes around them.
+// can be recorded. witness.h sees the same calls from outside, which shows that none goes around them.
 #pragma once
 #include <cstddef>
 #include <cstdint>

@@ -202,7 +202,7 @@ private:
   }
   void _Start(Role const &role) {
     (void)fflush(nullptr);
-    unsigned const seed = _random();
+    auto const seed = static_cast<unsigned>(_random());
     pid_t const pid = fork();
     if (pid < 0) abort();
     if (pid == 0) {
@@ -222,7 +222,7 @@ private:
   void _KillOne() {
     ++_kills;
     std::vector<pid_t> const modules = _ChildrenOf(_dispatcher);
-    unsigned const choice = _random() % 40;
+    auto const choice = static_cast<unsigned>(_random() % 40);
     if (choice == 0) {
       ++_dispatcherKills;
       _Kill(_dispatcher);

@@ -1,12 +1,17 @@
 #include "tests/crash/trial.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <span>
+#include <string_view>
 
 #include "brenthaven/accounts/check.h"
 #include "brenthaven/mailbox/mailboxdeliver.h"
@@ -15,31 +20,35 @@
 
 namespace {
 
-constexpr unsigned kPatience = 120;      // seconds until a process counts as hanging
-constexpr long kSecondKillEvery = 20;    // of so many states, one has its recovery killed too
-constexpr size_t kStatesShort = 300;     // of a power cut, in the short form
-constexpr long kFailShort = 4;           // of so many calls one is made to fail, in the short form
-constexpr long kAllocationsAll = 5000;   // up to here each allocation fails in turn
-constexpr long kAllocationsStride = 17;  // and behind it each so-and-so-many
+constexpr int kNoWitness = 125;              // code of a process that could not be followed
+constexpr unsigned kPatience = 120;          // seconds until a process counts as hanging
+constexpr long kSecondKillEvery = 20;        // of so many states, one has its recovery killed too
+constexpr size_t kStatesShort = 300;         // of a power cut, in the short form
+constexpr long kFailShort = 4;               // of so many calls one is made to fail, in the short form
+constexpr long kRoomForPassing = 8;          // pages, or files, that a step may need and give back
+constexpr long kRoomStride = 3;              // between two sizes of a disk, in the short form
+constexpr long kAllocationsAll = 5000;       // up to here each allocation fails in turn
+constexpr long kAllocationsStride = 17;      // and behind it each so-and-so-many
+constexpr long kMostAddressSpace = 1 << 21;  // bytes that a step gets at most, where it may not have all
+constexpr long kSpaceStep = 1 << 14;
+constexpr long kSpaceStepShort = 1 << 18;
 
 std::string Described(int status) {
   return WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
                              : "code " + std::to_string(WEXITSTATUS(status));
 }
 
-}  // namespace
-
-void STally::Add(STally const &other) {
-  kills += other.kills;
-  recoveryKills += other.recoveryKills;
-  states += other.states;
-  strictStates += other.strictStates;
-  failures += other.failures;
-  allocations += other.allocations;
-  flushes += other.flushes;
-  needless += other.needless;
-  verdict.Add(other.verdict);
+// What this process has mapped by now, in bytes.
+rlim_t AddressSpace() {
+  std::ifstream file("/proc/self/statm");
+  rlim_t pages = 0;
+  if (!(file >> pages)) abort();
+  return pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
 }
+
+bool IsFlush(std::string_view call) { return call == "fsync" || call == "fdatasync" || call == "syncfs"; }
+
+}  // namespace
 
 STrial::STrial(Site &site, SScenario const &scenario, bool isLong, bool isVerbose)
     : _site(site), _scenario(scenario), _isLong(isLong), _isVerbose(isVerbose) {
@@ -47,7 +56,7 @@ STrial::STrial(Site &site, SScenario const &scenario, bool isLong, bool isVerbos
 }
 
 // The wait status of a child that runs the body and ends.
-int STrial::_RunChild(std::function<void()> const &body) {
+int STrial::_RunChild(std::function<void()> const &body, SWitness *witness) {
   (void)fflush(nullptr);
   pid_t const pid = fork();
   if (pid < 0) abort();
@@ -55,10 +64,12 @@ int STrial::_RunChild(std::function<void()> const &body) {
     if (!_isVerbose && dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO) < 0) _exit(126);
     (void)alarm(kPatience);
     _site.Enter();
+    if (witness != nullptr && !SWitness::Begin()) _exit(kNoWitness);
     body();
     calls::Stop();
     _exit(0);
   }
+  if (witness != nullptr) return witness->Follow(pid);
   int status = 0;
   if (waitpid(pid, &status, 0) != pid) abort();
   return status;
@@ -125,6 +136,12 @@ SVerdict STrial::_JudgeAfter(std::string const &what, std::uint64_t notes) {
   return verdict;
 }
 
+STally STrial::GoWell() {
+  STally tally = _rehearsal;
+  tally.counts.steps = static_cast<long>(_stages.size());
+  return tally;
+}
+
 STally STrial::KillEverywhere() {
   STally tally = _rehearsal;
   for (size_t step = 0; step < _stages.size(); ++step) {
@@ -138,8 +155,8 @@ STally STrial::KillEverywhere() {
       std::uint64_t const notes = _site.Board().notes;
       std::string const what = "step " + std::to_string(step) + " killed at call " + std::to_string(call) + ", " +
                                stage.trace[call - 1].name;
-      tally.kills += _site.Board().acted;  // a run may make a call less than the one before
-      if (tally.kills % kSecondKillEvery == 0) _KillRecovery(tally, what, notes);
+      tally.counts.kills += _site.Board().acted;  // a run may make a call less than the one before
+      if (tally.counts.kills % kSecondKillEvery == 0) _KillRecovery(tally, what, notes);
       tally.verdict.Add(_JudgeAfter(what, notes));
     }
   }
@@ -163,7 +180,7 @@ void STrial::_KillRecovery(STally &tally, std::string const &what, std::uint64_t
   for (long call = 1; call <= static_cast<long>(trace.size()); ++call) {
     if (!trace[call - 1].changes) continue;
     recover({SCallPlan::Act::kKill, call, 0, false});
-    tally.recoveryKills += board.acted;
+    tally.counts.recoveryKills += board.acted;
     tally.verdict.Add(_JudgeAfter(what + ", and recovery at its call " + std::to_string(call), notes));
   }
   tree.Put(_site.Root());
@@ -189,8 +206,8 @@ STally STrial::CutPower() {
     tally.verdict.Add(_JudgeAfter("power cut " + power.Where(), notes));
     return true;
   });
-  tally.states = power.States();
-  tally.strictStates = power.StrictStates();
+  tally.counts.states = power.States();
+  tally.counts.strictStates = power.StrictStates();
   return tally;
 }
 
@@ -205,13 +222,13 @@ STally STrial::LeaveFlushesOut() {
     SPowerCut power(_stages.front().before, _operations);
     SPowerCut::Effort effort;
     effort.withoutFlush = static_cast<long>(i);
-    ++tally.flushes;
+    ++tally.counts.flushes;
     bool const isNeedless = power.Enumerate(effort, [&](SDiskImage const &tree, std::uint64_t notes) {
       tree.Put(_site.Root());
       return _Settle(notes).IsGood();
     });
     if (!isNeedless) continue;
-    ++tally.needless;
+    ++tally.counts.needless;
     printf("  %s: nothing depends on %s\n", _scenario.name, power.Described(i).c_str());
   }
   return tally;
@@ -226,7 +243,7 @@ void STrial::_FailCall(STally &tally, size_t step, long call, size_t error, bool
   std::string const what = "step " + std::to_string(step) + ", call " + std::to_string(call) + ", " +
                            stage.trace[call - 1].name + " " + stage.trace[call - 1].path + " gives " +
                            kErrors[error].name + (onwards ? " from there on" : "");
-  tally.failures += _site.Board().acted;
+  tally.counts.failures += _site.Board().acted;
   SVerdict verdict = _Settle(notes, true);
   if (WIFSIGNALED(status)) {
     ++verdict.wrong;
@@ -267,6 +284,43 @@ STally STrial::FailCalls() {
   return tally;
 }
 
+void STrial::_RunShortOfDisk(STally &tally, SSmallDisk &disk, size_t step, long pages, long files) {
+  disk.LeaveAll();
+  _stages[step].before.Put(_site.Root());
+  _site.Board().Restart(_stages[step].notesBefore);
+  disk.Leave(pages, files);
+  int const status = _RunStep(step, {});
+  disk.LeaveAll();
+  ++tally.counts.fullDisks;
+  SVerdict verdict = _Settle(_site.Board().notes, true);
+  if (WIFSIGNALED(status)) {
+    ++verdict.wrong;
+    verdict.what.push_back("ended with " + Described(status));
+  }
+  _Blame(verdict, "step " + std::to_string(step) + " with room for " + std::to_string(pages) + " pages and " +
+                      std::to_string(files) + " files");
+  tally.verdict.Add(verdict);
+}
+
+// What a step needs at most is not known, since it also removes files; what it leaves, and some more, comes near it.
+STally STrial::FillDisk() {
+  STally tally = _rehearsal;
+  SSmallDisk disk(std::filesystem::path(_site.Root()).parent_path());
+  tally.isPossible = disk.IsMounted();
+  if (!tally.isPossible) return tally;
+  for (size_t step = 0; step < _stages.size(); ++step) {
+    _stages[step].before.Put(_site.Root());
+    long const pages = disk.UsedPages(), files = disk.UsedFiles();
+    (void)_RunStep(step, {});
+    long const mostPages = std::max(0L, disk.UsedPages() - pages) + kRoomForPassing;
+    long const mostFiles = std::max(0L, disk.UsedFiles() - files) + kRoomForPassing;
+    long const stride = _isLong ? 1 : kRoomStride;
+    for (long left = 0; left < mostPages; left += stride) _RunShortOfDisk(tally, disk, step, left, SSmallDisk::kAll);
+    for (long left = 0; left < mostFiles; left += stride) _RunShortOfDisk(tally, disk, step, SSmallDisk::kAll, left);
+  }
+  return tally;
+}
+
 // One run of a step with allocation number `at` refused, or none for 0: how many there were, if it came to its end.
 long STrial::_RunStarved(size_t step, long at, bool onwards) {
   SCallBoard &board = _site.Board();
@@ -281,20 +335,70 @@ long STrial::_RunStarved(size_t step, long at, bool onwards) {
   return board.calls;
 }
 
+// One run of a step in an address space that can grow by so many bytes.
+void STrial::_RunCramped(STally &tally, size_t step, long room) {
+  _stages[step].before.Put(_site.Root());
+  _site.Board().Restart(_stages[step].notesBefore);
+  (void)_RunChild([&] {
+    struct rlimit const limit = {AddressSpace() + static_cast<rlim_t>(room), RLIM_INFINITY};
+    if (setrlimit(RLIMIT_AS, &limit) != 0) abort();
+    calls::Watch(_site.Board(), {});
+    _scenario.steps[step](_site);
+  });
+  ++tally.counts.cramped;
+  SVerdict verdict = _Settle(_site.Board().notes, true);
+  _Blame(verdict, "step " + std::to_string(step) + " with " + std::to_string(room) + " bytes of address space more");
+  tally.verdict.Add(verdict);
+}
+
 STally STrial::FailAllocations() {
   STally tally = _rehearsal;
-  if (!memory::IsSupported()) return tally;
+  tally.isPossible = memory::IsSupported();
+  if (!tally.isPossible) return tally;
   for (size_t step = 0; step < _stages.size(); ++step) {
     long const count = _RunStarved(step, 0, false);
     for (bool const onwards : {false, true})
       for (long at = 1; at <= count; at += _isLong && at < kAllocationsAll ? 1 : kAllocationsStride) {
         (void)_RunStarved(step, at, onwards);
-        ++tally.allocations;
+        ++tally.counts.allocations;
         SVerdict verdict = _Settle(_site.Board().notes, true);
         _Blame(verdict, "step " + std::to_string(step) + ", allocation " + std::to_string(at) +
                             (onwards ? " and all behind it" : "") + " refused");
         tally.verdict.Add(verdict);
       }
+    for (long room = 0; room < kMostAddressSpace; room += _isLong ? kSpaceStep : kSpaceStepShort)
+      _RunCramped(tally, step, room);
+  }
+  return tally;
+}
+
+// Each step once more, with the same calls counted from inside and from outside.
+STally STrial::CallWitness() {
+  STally tally = _rehearsal;
+  SCallBoard const &board = _site.Board();
+  for (size_t step = 0; step < _stages.size(); ++step) {
+    _stages[step].before.Put(_site.Root());
+    _site.Board().Restart(_stages[step].notesBefore);
+    SWitness witness;
+    int const status = _RunChild(
+        [&] {
+          calls::Watch(_site.Board(), {});
+          _scenario.steps[step](_site);
+        },
+        &witness);
+    tally.isPossible = status != kNoWitness << 8;
+    if (!tally.isPossible) return tally;
+    std::vector<std::string> counted;
+    for (SCallBoard::Traced const &traced : std::span(board.trace, static_cast<size_t>(board.calls)))
+      if (traced.changes || IsFlush(traced.name)) counted.emplace_back(traced.name);
+    tally.counts.witnessed += static_cast<long>(witness.Seen().size());
+    auto const [seen, count] = std::ranges::mismatch(witness.Seen(), counted);
+    if (seen == witness.Seen().end() && count == counted.end()) continue;
+    ++tally.verdict.wrong;
+    tally.verdict.what.push_back(std::string(_scenario.name) + ", step " + std::to_string(step) + ": change " +
+                                 std::to_string(seen - witness.Seen().begin() + 1) + " is " +
+                                 (seen == witness.Seen().end() ? "none" : *seen) + " for the kernel and " +
+                                 (count == counted.end() ? "none" : *count) + " inside");
   }
   return tally;
 }

@@ -8,6 +8,7 @@
 #include "brenthaven/directory/escape.h"
 #include "tests/support/scratch.h"
 #include "tests/support/slapd.h"
+#include "tests/support/texts.h"
 
 // Found by the test framework, which looks where the type is declared.
 void PrintTo(SLdapResult result, std::ostream *out) {
@@ -16,9 +17,6 @@ void PrintTo(SLdapResult result, std::ostream *out) {
 }
 
 namespace {
-
-std::string Text(SString const &text) { return std::string(text.View()); }
-SString Bytes(std::string const &text) { return SString(std::string_view(text)); }
 
 constexpr auto kDone = SLdapResult::kDone;
 constexpr auto kRefused = SLdapResult::kRefused;

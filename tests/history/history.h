@@ -88,7 +88,7 @@ public:
     sigemptyset(&child);
     sigaddset(&child, SIGCHLD);
     sigprocmask(SIG_BLOCK, &child, &before);
-    for (int i = 0; i < kReaders; ++i) _readers.insert(_Start(reader, random(), 0));
+    for (int i = 0; i < kReaders; ++i) _readers.insert(_Start(reader, static_cast<unsigned>(random()), 0));
     for (int i = 0; i < kWriters; ++i) _StartWriter(writer, random);
     while (!_readers.empty() || !_writers.empty()) {
       struct timespec const patience = {isLong ? 0 : 5, isLong ? static_cast<long>(random() % 20000000) : 0};
@@ -132,7 +132,7 @@ private:
     _exit(0);
   }
   void _StartWriter(Body const &writer, std::mt19937 &random) {
-    unsigned const seed = random();
+    auto const seed = static_cast<unsigned>(random());
     _writers.insert(_Start(writer, seed, 1 + static_cast<int>(random() % kLongestLife)));
   }
   void _Ended(pid_t pid, int status, Body const &writer, std::mt19937 &random) {

@@ -1,5 +1,6 @@
 #include <set>
 
+#include "brenthaven/mailbox/sizefile.h"
 #include "tests/mailbox/mail_fixture.h"
 #include "tests/platform/callhook.h"
 #include "tests/store/process.h"
@@ -247,6 +248,23 @@ TEST_F(DeliveryTest, MissingMessageFilesDeferWithOneReport) {
     EXPECT_TRUE(Exists("deferred/Mailbox-Deliver/m-Control"));
     EXPECT_EQ(Stored("ann"), Texts{});
   }
+}
+
+TEST_F(DeliveryTest, LinkToAForeignFileIsNeitherDeliveredNorWritten) {
+  AddAccount("ann");
+  PutFile("secret", "not for ann");
+  PutDelivery("m", {"ann"});
+  std::filesystem::remove(Path("messages/m-Body"));
+  std::filesystem::create_symlink(Path("secret"), Path("messages/m-Body"));
+  Deliver("m");
+  EXPECT_EQ(Stored("ann"), Texts{});
+  EXPECT_TRUE(Exists("deferred/Mailbox-Deliver/m-Control"));
+
+  PutFile(Folder("bob") + "other", "");
+  std::filesystem::create_symlink(Path("secret"), Path(Folder("bob") + "__size__"));
+  SSizeFile size(Bytes(Path(Folder("bob"))), 0);
+  EXPECT_EQ(size.Lock(), 0u);
+  EXPECT_EQ(FileBytes("secret"), "not for ann");
 }
 
 TEST_F(DeliveryTest, FullDiskDefersWithoutAReport) {

@@ -11,22 +11,9 @@
 #include "brenthaven/mailbox/mailboxpath.h"
 #include "brenthaven/store/sdbfile.h"
 #include "tests/support/scratch.h"
+#include "tests/support/texts.h"
 
-using Texts = std::vector<std::string>;
 using Attributes = std::vector<std::pair<char const *, Texts>>;
-
-inline std::string Text(SString const &text) { return std::string(text.View()); }
-inline SString Bytes(std::string const &text) { return SString(std::string_view(text)); }
-inline Texts List(SStringList const &list) {
-  Texts texts;
-  for (SString const &item : list) texts.push_back(Text(item));
-  return texts;
-}
-inline SStringList ListOf(Texts const &texts) {
-  SStringList list;
-  for (std::string const &text : texts) list.Push(Bytes(text));
-  return list;
-}
 
 class MailTest : public ScratchSpool {
 protected:

@@ -3,10 +3,9 @@
 #include <string>
 
 #include "brenthaven/mime/smime.h"
+#include "tests/support/texts.h"
 
 namespace {
-
-SString Bytes(std::string const &bytes) { return SString(bytes.data(), static_cast<int>(bytes.size())); }
 
 // Every byte value, in an order without short cycles.
 SString Mixed(int length) {

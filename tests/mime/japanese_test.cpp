@@ -98,7 +98,7 @@ TEST(JapaneseTest, RandomBytesAlwaysGiveValidText) {
                           "\x1b",   "\xe6\xbc\xa2", "\xb4\xc1", "4A", "\x8e\xb1"};
   for (int round = 0; round < 400; ++round) {
     string text;
-    for (unsigned i = random() % 60; i > 0; --i)
+    for (auto i = random() % 60; i > 0; --i)
       text += random() % 2 != 0 ? spice[random() % std::size(spice)] : string(1, static_cast<char>(random()));
     (void)Convert(text);
   }

@@ -1,4 +1,5 @@
 #include "brenthaven/mime/linebreak.h"
+#include "tests/support/texts.h"
 
 #include <gtest/gtest.h>
 
@@ -6,8 +7,6 @@
 #include <vector>
 
 namespace {
-
-SString Bytes(std::string const &bytes) { return SString(bytes.data(), static_cast<int>(bytes.size())); }
 
 TEST(LineBreaker, EndsOfLines) {
   struct Row {

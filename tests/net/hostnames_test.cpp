@@ -7,12 +7,7 @@
 #include "brenthaven/net/dns.h"
 #include "brenthaven/net/dottedquad.h"
 #include "tests/support/nameserver.h"
-
-namespace {
-
-std::string Text(SString const &text) { return std::string(text.View()); }
-
-}  // namespace
+#include "tests/support/texts.h"
 
 class HostNamesTest : public ::testing::Test {
 protected:

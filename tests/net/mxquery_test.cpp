@@ -13,10 +13,9 @@
 #include "tests/support/dnsbytes.h"
 #include "tests/support/nameserver.h"
 #include "tests/support/scratch.h"
+#include "tests/support/texts.h"
 
 namespace {
-
-std::string Text(SString const &text) { return std::string(text.View()); }
 
 std::string WrongAnswer(std::string const &query, std::string reply) {
   reply = Answer(query, std::move(reply));

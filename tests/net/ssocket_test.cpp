@@ -12,12 +12,7 @@
 #include <thread>
 
 #include "brenthaven/text/base.h"
-
-namespace {
-
-std::string Text(SString const &text) { return std::string(text.View()); }
-
-}  // namespace
+#include "tests/support/texts.h"
 
 // A stream over one end of a socket pair; the test speaks at the other end.
 class SocketTest : public ::testing::Test {

@@ -9,10 +9,9 @@
 #include "brenthaven/text/base.h"
 #include "tests/platform/callhook.h"
 #include "tests/support/scratch.h"
+#include "tests/support/texts.h"
 
 namespace {
-
-std::string Text(SString const &text) { return std::string(text.View()); }
 
 mode_t ModeOf(std::string const &path) {
   struct stat info;

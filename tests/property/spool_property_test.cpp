@@ -2,8 +2,8 @@
 #include "brenthaven/spool/control.h"
 #include "brenthaven/spool/keys.h"
 #include "tests/property/property.h"
-#include "tests/property/texts.h"
 #include "tests/spool/spooltest.h"
+#include "tests/support/texts.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include "brenthaven/store/sobjectdb.h"
 #include "tests/property/property.h"
-#include "tests/property/texts.h"
 #include "tests/support/scratch.h"
+#include "tests/support/texts.h"
 
 namespace {
 

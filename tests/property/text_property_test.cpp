@@ -2,7 +2,7 @@
 #include "brenthaven/regex/sregex.h"
 #include "brenthaven/text/named.h"
 #include "tests/property/property.h"
-#include "tests/property/texts.h"
+#include "tests/support/texts.h"
 
 namespace {
 

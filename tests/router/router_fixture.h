@@ -14,21 +14,8 @@
 #include "brenthaven/accounts/alias.h"
 #include "brenthaven/router/smtprouter.h"
 #include "tests/support/scratch.h"
+#include "tests/support/texts.h"
 
-using Texts = std::vector<std::string>;
-
-inline SString Bytes(std::string const &text) { return SString(text.data(), static_cast<int>(text.size())); }
-inline std::string Text(SString const &text) { return std::string(text.View()); }
-inline Texts List(SStringList const &list) {
-  Texts texts;
-  for (SString const &item : list) texts.push_back(Text(item));
-  return texts;
-}
-inline SStringList ListOf(Texts const &texts) {
-  SStringList list;
-  for (std::string const &text : texts) list.Push(Bytes(text));
-  return list;
-}
 inline std::string Joined(Texts const &texts, std::string const &separator = " ") {
   std::string joined;
   for (std::string const &text : texts) joined += (joined.empty() ? "" : separator) + text;

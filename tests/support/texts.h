@@ -1,4 +1,4 @@
-// tests/property/texts.h - strings of the system as the standard library and the tests know them.
+// tests/support/texts.h - strings of the system as the standard library and the tests know them.
 #pragma once
 #include <string>
 #include <string_view>
