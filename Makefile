@@ -28,7 +28,7 @@ asan:
 	cmake --build build/asan -j $(JOBS)
 	ctest --test-dir build/asan --output-on-failure -j $(JOBS)
 
-# The same with clang's checks of integers: a value that is cut, or changes its sign, without a cast ends the test.
+# The same with clang's checks of integers: a value that loses bits without a cast ends the test.
 integer:
 	scripts/packages.sh test fuzz
 	cmake --preset integer

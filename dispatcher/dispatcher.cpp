@@ -301,7 +301,7 @@ void Dispatcher::_ReadNotifications() {
 
 void Dispatcher::_ReadSignals() {
   struct signalfd_siginfo info;
-  while (read(_signals, &info, sizeof info) == sizeof info) switch (info.ssi_signo) {
+  while (read(_signals, &info, sizeof info) == ssize_t{sizeof info}) switch (info.ssi_signo) {
       case SIGCHLD:
         _ReapChildren();
         break;

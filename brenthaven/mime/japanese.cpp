@@ -106,9 +106,7 @@ private:
 };
 
 bool IsPlain(string_view line) {
-  for (unsigned char const c : line)
-    if ((c < ' ' && c != '\t') || c >= 0x7f) return false;
-  return true;
+  return std::ranges::all_of(line, [](char c) { return (c >= ' ' && c < '\x7f') || c == '\t'; });
 }
 
 // Turns lines into ISO-2022-JP. The encoder is opened when a line needs it.

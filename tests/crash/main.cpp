@@ -79,8 +79,8 @@ int RunJob(Options const &options, WayRow const &way, SScenario const &story, Nu
                  numbers.lost, numbers.partial, numbers.stranded, numbers.wrong, numbers.duplicates, seconds);
   out += line;
   std::vector<std::string> what = tally.verdict.what;
-  std::ranges::stable_partition(what,
-                                [](std::string const &line) { return line.find(": lost: ") != std::string::npos; });
+  (void)std::stable_partition(what.begin(), what.end(),
+                              [](std::string const &finding) { return finding.find(": lost: ") != std::string::npos; });
   for (size_t i = 0; i < std::min(what.size(), kFindingsTold); ++i) out += "  " + what[i] + "\n";
   if (what.size() > kFindingsTold) out += "  and " + std::to_string(what.size() - kFindingsTold) + " more\n";
   (void)fwrite(out.data(), 1, out.size(), stdout);

@@ -10,14 +10,13 @@
 #include "brenthaven/store/sdbfile.h"
 #include "tests/spool/spooltest.h"
 #include "tests/support/masked.h"
+#include "tests/support/texts.h"
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 namespace {
-
-using Texts = std::vector<std::string>;
 
 class ErrorHandlerTest : public SpoolTest {
 protected:

@@ -124,7 +124,7 @@ TEST_F(NoticeTest, AskEndsWithItsTimeOrAWrongAnswerAndLeavesNoFile) {
   DispatcherEar ear;
   EXPECT_EQ(request.Ask("Oracle", 0.01), 0);
   EXPECT_TRUE(ear.Next().ends_with("\nOracle\nRequest\n2"));
-  Answerer const chatterbox(ear, [this](std::string const &notice) {
+  Answerer const chatterbox(ear, [](std::string const &notice) {
     SControl seen(NameIn(notice).c_str());
     return seen.Read() && SendDatagram(PortNumber(seen.Get(kKeyReturnPath).Get(0), 65535), "00") == 1;
   });

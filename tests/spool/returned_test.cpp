@@ -10,6 +10,7 @@
 #include "brenthaven/spool/keys.h"
 #include "tests/spool/spooltest.h"
 #include "tests/support/masked.h"
+#include "tests/support/texts.h"
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -17,15 +18,13 @@ using ::testing::IsEmpty;
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
 class ReturnedTest : public SpoolTest {
 protected:
   ReturnedTest() {
     for (char const *name : {"ReturnMaxKbytes", "SuppressPM", "ReplyToNoHost", "UseContentDisposition"}) unsetenv(name);
     setenv("TZ", "UTC", 1);
     Put("m", "SMTP <ann@far.example>");
-    reasons.lines = {"Nobody wants it."};
+    reasons.lines = ListOf({"Nobody wants it."});
   }
   void Put(std::string const &name, std::string const &sender, std::string const &lines = "") {
     PutControl(name, "Probe", "User-From: " + sender + "\r\n" + lines + "Trace: Submit\r\n");
