@@ -32,7 +32,7 @@ void Watch(long at, bool onwards) {
 long Count() { return g_count; }
 
 bool IsSupported() {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef BRENTHAVEN_SANITIZED
   return false;
 #else
   return true;
@@ -41,7 +41,7 @@ bool IsSupported() {
 
 }  // namespace memory
 
-#ifndef __SANITIZE_ADDRESS__
+#ifndef BRENTHAVEN_SANITIZED
 extern "C" {
 
 void *__libc_malloc(size_t size);

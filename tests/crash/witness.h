@@ -11,7 +11,8 @@
 
 class SWitness {
 public:
-  // In the process that is to be followed, a child of the one that calls Follow. False where the kernel forbids it.
+  // In the process that is to be followed, a child of the one that calls Follow. False where the kernel forbids it, and
+  // in a build with a sanitizer, which asks the kernel for things of its own.
   static bool Begin();
   // Follows the child until it ends and gives its wait status.
   int Follow(pid_t child);
