@@ -20,9 +20,11 @@ void ExpectOrderedSpans(SString const &text) {
   }
 }
 
-// In a header a quoted string, a comment or a literal may stand among the words of a local part, in an envelope none.
+// In a header a quoted string, a comment or a literal may stand among the words of a local part. In an envelope none
+// may, but a quoted string alone.
 bool IsForHeadersOnly(SString const &address) {
-  return address.View().find_first_of("\"([", 2) != std::string_view::npos;
+  return address.View().find_first_of("([", 1) != std::string_view::npos ||
+         address.View().find('"', 2) != std::string_view::npos;
 }
 
 // A literal of a header may hold blanks.
