@@ -20,6 +20,7 @@ part() { # part COMMAND...: says what it is, how it ended and what it took
 part "$tests/crash/crash" --long kill
 part "$tests/crash/crash" --long power
 part "$tests/crash/crash" --long fail
+part "$tests/crash/crash" --long full
 part "$tests/crash/crash" --long memory
 part "$tests/crash/crash" --long flush
 part "$tests/crash/stress" --seconds $((minutes * 60)) --seed "$RANDOM"
