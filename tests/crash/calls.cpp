@@ -115,8 +115,8 @@ void Record(SFileOperation const &operation) {
   AppendText(operation.bytes);
 }
 
-// The packaged B-tree engine takes an interrupted read for a failure. It only reads files on a local disk, where no
-// read is ever interrupted.
+// The packaged B-tree engine takes an interrupted read or a short write for a failure. It only reads files on a local
+// disk and only writes to memory, where neither ever happens.
 bool IsFromTreeEngine(void const *caller) {
   Dl_info info;
   return dladdr(caller, &info) != 0 && info.dli_fname != nullptr && strstr(info.dli_fname, "libdb") != nullptr;
@@ -390,7 +390,9 @@ PREAD_LIKE(pread64)
 ssize_t write(int fd, void const *data, size_t length) {
   REAL(write);
   bool isShort = false;
-  if (!Enter("write", true, kWriteErrors | (length > 1 ? kShort : 0U), &isShort)) return -1;
+  bool const isRepeated = !g_watching || !IsFromTreeEngine(__builtin_return_address(0));
+  unsigned const errors = isRepeated ? kWriteErrors | (length > 1 ? kShort : 0U) : kWriteErrors & ~kInterrupt;
+  if (!Enter("write", true, errors, &isShort)) return -1;
   off_t const offset = IsRecording() ? OffsetOf(fd) : 0;
   ssize_t const wrote = real(fd, data, length - (isShort ? 1 : 0));
   if (wrote > 0 && IsRecording()) RecordBytes(fd, data, static_cast<size_t>(wrote), offset);
