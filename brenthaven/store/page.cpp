@@ -72,7 +72,9 @@ public:
       _pages[neighbour].isBesideLeaf = true;
       if (!_Fits(neighbour)) return false;
     }
-    for (size_t at = kHeaderSize; type == kInternal && at < tableEnd; at += 2) {
+    // A page that no page led to is one of the free list, which keeps what stood there before.
+    bool const hasChildren = type == kInternal && (number == kRootPage || _pages[number].parent != kNoPage);
+    for (size_t at = kHeaderSize; hasChildren && at < tableEnd; at += 2) {
       std::uint32_t const child = Number(page + Offset(page + at) + 4);
       if (child == kRootPage || child >= filePages) return false;
       std::uint32_t &parent = _pages[child].parent;

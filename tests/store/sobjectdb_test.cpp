@@ -1,7 +1,9 @@
 #include "brenthaven/store/sobjectdb.h"
 
 #include <map>
+#include <random>
 #include <set>
+#include <utility>
 
 #include "tests/platform/callhook.h"
 #include "tests/store/plainfile.h"
@@ -267,6 +269,29 @@ TEST_F(ObjectStoreTest, DamageIsToldApartFromAbsence) {
     c.ask();
     EXPECT_TRUE(store.ReadFailed() | store.WriteFailed());
     store.ReOpen();
+  }
+}
+
+// Long values in the index come and go until an inner page is given back; it still names the children that it had.
+TEST_F(ObjectStoreTest, ReuseOfAnInnerPageIsNoDamage) {
+  std::mt19937 random(8);  // with these numbers it happens in section 730
+  auto const pick = [&](unsigned long below) { return static_cast<int>(random() % below); };
+  for (int section = 0; section < 800; ++section) {
+    SString const name = "counter " + MakeSString(pick(4));
+    int const longest = pick(50) == 0 ? 40000 : 1500;
+    SString const padding('x', pick(static_cast<unsigned long>(longest)));
+    SString const filler = name + " filler " + MakeSString(pick(30));
+    store.LockWrite();
+    for (int counter = 0; section == 0 && counter < 4; ++counter)
+      ASSERT_TRUE(store.Create("counter " + MakeSString(counter), 1));
+    ASSERT_TRUE(store.SetAttrib(kName, name, {name + " at " + MakeSString(section)}, 0));
+    bool const isKept = pick(3) != 0;
+    if (!isKept) (void)store.Delete(filler);
+    ASSERT_TRUE(!isKept || (store.Create(filler, 2) &&
+                            store.SetAttrib(kPlain, filler, {std::as_const(padding).Segment(0, 5000), "end"}, 0)))
+        << section;
+    store.UnlockWrite();
+    ASSERT_FALSE(store.WriteFailed()) << section;
   }
 }
 
