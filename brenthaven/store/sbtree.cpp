@@ -151,7 +151,7 @@ int SBTree::_OpenLocked(char const *path, int flags) {
   }
   auto const [pageSize, treeFlags] = MetadataOf(_descriptor);
   if (treeFlags != kNoDuplicates) return EINVAL;  // the engine would go through it by other rules
-  constexpr std::uint32_t kSmallestPage = 512;  // that the engine has
+  constexpr std::uint32_t kSmallestPage = 512;    // that the engine has
   if (pageSize < kSmallestPage) return EINVAL;
   // The engine takes a file without a whole page of metadata for a new one: all of it would seem absent.
   constexpr off_t kFewestPages = 2;  // metadata and root
