@@ -7,9 +7,9 @@ target_compile_options(
   brenthaven_options
   INTERFACE -Wall -Wextra -Wconversion $<$<BOOL:${BRENTHAVEN_WERROR}>:-Werror>
             $<$<CXX_COMPILER_ID:Clang>:-Wno-sign-conversion> $<$<COMPILE_LANG_AND_ID:C,GNU>:-fanalyzer>)
-# The C library's checks of buffers need an optimising build.
-target_compile_definitions(brenthaven_options INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>
-                                                        $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+target_compile_definitions(brenthaven_options INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
+# The C library's checks of buffers need an optimising build; some compilers come with another level of them.
+target_compile_options(brenthaven_options INTERFACE $<$<CONFIG:Release>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
 if(BRENTHAVEN_SANITIZE)
   target_compile_options(brenthaven_options INTERFACE -fsanitize=${BRENTHAVEN_SANITIZE} -fno-omit-frame-pointer
                                                       -fno-sanitize-recover=all)

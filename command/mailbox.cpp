@@ -78,7 +78,7 @@ std::string FieldOf(std::string_view header, std::string_view name) {
 }
 
 bool ReadMessage(SString const &path, StoredMessage &message) {
-  SDescriptor const file(sys::Open(path, O_RDONLY | O_NOFOLLOW));
+  SDescriptor const file(sys::Open(path, sys::kReadOwn));
   struct stat info;
   if (!file.IsOpen() || sys::Fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
   std::string top(kHeaderRead, '\0');
@@ -121,7 +121,7 @@ void ShowMessage(Command &command, MailboxOptions const &options) {
   if (options.message.empty() || !isdigit(static_cast<unsigned char>(options.message[0])) ||
       options.message.find('/') != std::string::npos)
     return Fail(command, EX_DATAERR, "not the name of a message: " + options.message);
-  SDescriptor const file(sys::Open(FolderOf(options.uid) + SString(options.message), O_RDONLY | O_NOFOLLOW));
+  SDescriptor const file(sys::Open(FolderOf(options.uid) + SString(options.message), sys::kReadOwn));
   if (!file.IsOpen()) return Fail(command, EX_NOINPUT, "no such message: " + options.message);
   if (sys::CopyContents(file.Get(), STDOUT_FILENO) != 0)
     Fail(command, EX_IOERR, "cannot print " + options.message + ": " + ToStd(GetErrorString(-1)));

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # The long form of the tests that show that nothing is lost: soak.sh [MINUTES]
 #
-# MINUTES (30) is the time that the stress run gets, and half of it is shared by the fuzz targets. The rest takes as long
-# as it takes, some hours on two cores: every call of every story killed and failing, all power-cut states, every flush
-# left out, every allocation refused, a million reads of the histories, 100,000 cases a property. Each part's last line
-# says what was reached. Needs build/debug (make crash) and build/fuzz (make fuzz). Ends with 1 when something was found.
+# MINUTES (30) is the time that the stress run gets, and half of it is shared by the fuzz targets. The rest takes as
+# long as it takes, some hours on two cores: every call of every story killed and failing, each size of a disk, all
+# power-cut states, every flush left out, every allocation refused, a million reads of the histories, 100,000 cases a
+# property. Each part's last line says what was reached. Needs build/debug (make crash) and build/fuzz (make fuzz). Ends
+# with 1 when something was found.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 minutes=${1:-30}

@@ -12,7 +12,7 @@ logs=$(realpath "$build")/valgrind
 rm -rf "$logs" && mkdir -p "$logs" || exit 1
 
 # A program with an allocator of its own (tests/crash/memory.h) gets valgrind's in front of it.
-export CHECK="valgrind --quiet --leak-check=full --errors-for-leak-kinds=definite --show-leak-kinds=definite \
+check="valgrind --quiet --leak-check=full --errors-for-leak-kinds=definite --show-leak-kinds=definite \
   --trace-children=yes --trace-children-skip=/usr/*,/bin/*,/sbin/* --soname-synonyms=somalloc=NONE \
   --suppressions=$PWD/scripts/valgrind.supp --log-file=$logs/%p"
 
@@ -21,15 +21,13 @@ export CHECK="valgrind --quiet --leak-check=full --errors-for-leak-kinds=definit
     ctest --test-dir "$build" -N -V -R "$1"
   else
     ctest --test-dir "$build" -N -V -E '^(crash|history)\.'
-    for story in local inline slots batches remote fanout mixed lists waits archive sideline stores; do
-      echo "0: Test command: $(realpath "$build")/tests/crash/crash --jobs 1 well $story"
-    done
+    echo "0: Test command: $(realpath "$build")/tests/crash/crash --jobs ${JOBS:-$(nproc)} well"
   fi
 } | sed -n 's/^[0-9]*: Test command: //p' > "$logs.commands"
 
 # A test may fail by its own account, since everything takes longer: what counts is what valgrind says.
 tr '\n' '\0' < "$logs.commands" |
-  xargs -0 -P "${JOBS:-$(nproc)}" -I{} sh -c "cd '$logs' && $CHECK {} >/dev/null 2>&1"
+  xargs -0 -P "${JOBS:-$(nproc)}" -I{} sh -c "cd '$logs' && $check {} >/dev/null 2>&1"
 find "$logs" -type f -empty -delete
 checked=$(wc -l < "$logs.commands")
 found=$(find "$logs" -type f -name '[0-9]*' | wc -l)

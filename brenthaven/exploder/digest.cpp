@@ -54,7 +54,7 @@ bool Append(int fd, std::string_view text) { return sys::WriteAll(fd, text.data(
 
 // Copies a part to the end of a body, and tells whether it has bytes above ASCII.
 bool AppendPart(int fd, SString const &path, bool &hasHighBytes) {
-  SDescriptor const part(sys::Open(SNativePath(path), O_RDONLY | O_NOFOLLOW));
+  SDescriptor const part(sys::Open(SNativePath(path), sys::kReadOwn));
   if (!part.IsOpen()) return false;
   std::vector<char> block(kBlock);
   for (;;) {

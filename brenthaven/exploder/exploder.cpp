@@ -73,7 +73,7 @@ bool IsForOthersToo(SControl const &control) {
 
 // The first bytes of a body file; none when it can't be read.
 std::string BeginningOf(SString const &path, int most) {
-  SDescriptor const file(sys::Open(SNativePath(path), O_RDONLY | O_NOFOLLOW));
+  SDescriptor const file(sys::Open(SNativePath(path), sys::kReadOwn));
   std::string bytes(static_cast<size_t>(most), '\0');
   ssize_t const got = file.IsOpen() ? sys::Pread(file.Get(), bytes.data(), bytes.size(), 0) : 0;
   bytes.resize(got > 0 ? static_cast<size_t>(got) : 0);

@@ -236,7 +236,7 @@ STextFrame::Result STextFrame::Write(SHeader const &header, SString const &from,
     prologue = QuotedPrintable(prologue);
     epilogue = QuotedPrintable(epilogue);
   }
-  SDescriptor const source(sys::Open(SNativePath(from), O_RDONLY | O_NOFOLLOW));
+  SDescriptor const source(sys::Open(SNativePath(from), sys::kReadOwn));
   if (!source.IsOpen()) return Result::kFailed;
   SDescriptor const target(sys::Open(SNativePath(to), O_WRONLY | O_CREAT | O_EXCL));
   if (!target.IsOpen()) return Result::kFailed;

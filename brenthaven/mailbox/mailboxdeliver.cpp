@@ -333,7 +333,7 @@ void SMailboxDeliverModule::_DeliverEntry(Pass &pass, Entry &entry, Slot &slot) 
 }
 
 unsigned int SMailboxDeliverModule::CopyOrLink(SStringList &files, SString const &target) {
-  SDescriptor const source(sys::Open(files.Get(0), O_RDONLY | O_NOFOLLOW));
+  SDescriptor const source(sys::Open(files.Get(0), sys::kReadOwn));
   if (!source.IsOpen()) return 0;
   SNewFile copy(target);
   if (!copy.IsOpen() || sys::CopyContents(source.Get(), copy.Fd()) != 0 || !SyncFileData(copy.Fd()) ||

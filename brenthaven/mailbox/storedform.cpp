@@ -86,7 +86,7 @@ bool SStoredForm::Read(SControl &control, SStringList *errors) {
 
 bool SStoredForm::_ReadBody(SControl &control) {
   SString const path = control.GetBodyFilename();
-  SDescriptor const file(sys::Open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+  SDescriptor const file(sys::Open(path, sys::kReadOwn));
   if (file.IsOpen()) {
     struct stat info;
     if (sys::Fstat(file.Get(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
@@ -105,7 +105,7 @@ bool SStoredForm::_ReadBody(SControl &control) {
 bool SStoredForm::WriteTo(int fd) const {
   if (sys::WriteAll(fd, _head.data(), _head.size()) != 0) return false;
   if (IsInMemory()) return sys::WriteAll(fd, _bodyText, static_cast<size_t>(_bodyText.Length())) == 0;
-  SDescriptor const body(sys::Open(_bodyPath, O_RDONLY | O_NOFOLLOW));
+  SDescriptor const body(sys::Open(_bodyPath, sys::kReadOwn));
   if (!body.IsOpen() || sys::CopyContents(body.Get(), fd) != 0) return false;
   struct stat info;
   if (sys::Fstat(fd, &info) != 0) return false;

@@ -19,7 +19,7 @@ constexpr mode_t kFileMode = 0660;
 }  // namespace
 
 SMappedFile::SMappedFile(SString const &path) {
-  SDescriptor const file(sys::Open(SNativePath(path), O_RDONLY | O_NONBLOCK | O_NOFOLLOW));
+  SDescriptor const file(sys::Open(SNativePath(path), sys::kReadOwn));
   struct stat info;
   if (!file.IsOpen() || sys::Fstat(file.Get(), &info) != 0) return;
   if (!S_ISREG(info.st_mode) || info.st_size >= kTextLimit) return;

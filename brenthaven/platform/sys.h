@@ -27,6 +27,8 @@ using Hook = int (*)(CallInfo const &call, void *context);
 void SetHook(Hook hook, void *context);
 
 int Open(char const *path, int flags, mode_t mode = 0660);
+// How a file of the spool or of a mailbox is opened to be read: no link there is followed, and no FIFO waited for.
+constexpr int kReadOwn = O_RDONLY | O_NOFOLLOW | O_NONBLOCK;
 int Close(int fd);                                  // never retried: the descriptor is gone either way
 ssize_t Read(int fd, void *buffer, size_t length);  // one read; short counts are the caller's
 ssize_t Pread(int fd, void *buffer, size_t length, off_t offset);

@@ -215,7 +215,7 @@ void Recovery::SetGarbageAside(SControl &control, Entry const &file) {
 
 // Whether the bytes of a file could be had: if not, nothing can be said of them.
 bool Recovery::IsReadable(std::string const &path) {
-  SDescriptor const file(sys::Open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+  SDescriptor const file(sys::Open(path.c_str(), sys::kReadOwn));
   char byte;
   if (file.IsOpen() && sys::Pread(file.Get(), &byte, 1, 0) >= 0) return true;
   if (errno != ENOENT) Failed("cannot read " + path);

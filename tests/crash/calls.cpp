@@ -16,6 +16,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -288,6 +289,8 @@ void SCallBoard::Restart(std::uint64_t reported) {
   acted = false;
   notes = reported;
 }
+
+long SCallBoard::TracedCalls() const { return std::min(calls, static_cast<long>(kMaxTrace)); }
 
 void SCallBoard::Say(std::string const &line) {
   size_t const used = strlen(text);

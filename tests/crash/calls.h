@@ -63,6 +63,7 @@ struct SCallBoard {
   void Clear();
   void Restart(std::uint64_t reported);  // another run of a step, in front of which these successes had been reported
   void Say(std::string const &text);     // appended to `text` as far as there is room
+  long TracedCalls() const;              // those of the calls that `trace` has room for
 
   long calls;           // made so far under a plan
   std::uint64_t notes;  // bit n: success number n was reported

@@ -1,6 +1,7 @@
 #include "tests/crash/trial.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -38,6 +39,13 @@ std::string Described(int status) {
                              : "code " + std::to_string(WEXITSTATUS(status));
 }
 
+// A process that meets an error ends by itself; one that is refused memory may also give up by abort.
+void BlameSignal(SVerdict &verdict, int status, bool mayAbort = false) {
+  if (!WIFSIGNALED(status) || (mayAbort && WTERMSIG(status) == SIGABRT)) return;
+  ++verdict.wrong;
+  verdict.what.push_back("ended with " + Described(status));
+}
+
 // What this process has mapped by now, in bytes.
 rlim_t AddressSpace() {
   std::ifstream file("/proc/self/statm");
@@ -47,6 +55,22 @@ rlim_t AddressSpace() {
 }
 
 bool IsFlush(std::string_view call) { return call == "fsync" || call == "fdatasync" || call == "syncfs"; }
+
+// What was counted in the process itself of what a witness sees from outside.
+std::vector<std::string> ChangesIn(SCallBoard const &board) {
+  std::vector<std::string> changes;
+  for (SCallBoard::Traced const &traced : std::span(board.trace, static_cast<size_t>(board.TracedCalls())))
+    if (traced.changes || IsFlush(traced.name)) changes.emplace_back(traced.name);
+  return changes;
+}
+
+// "" when both are the same.
+std::string DifferenceOf(std::vector<std::string> const &outside, std::vector<std::string> const &inside) {
+  auto const [seen, counted] = std::ranges::mismatch(outside, inside);
+  if (seen == outside.end() && counted == inside.end()) return "";
+  return "change " + std::to_string(seen - outside.begin() + 1) + " is " + (seen == outside.end() ? "none" : *seen) +
+         " for the kernel and " + (counted == inside.end() ? "none" : *counted) + " inside";
+}
 
 }  // namespace
 
@@ -75,6 +99,12 @@ int STrial::_RunChild(std::function<void()> const &body, SWitness *witness) {
   return status;
 }
 
+// The tree and the counts as they are in front of a step.
+void STrial::_GoBackTo(size_t step) {
+  _stages[step].before.Put(_site.Root());
+  _site.Board().Restart(_stages[step].notesBefore);
+}
+
 int STrial::_RunStep(size_t step, SCallPlan const &plan, bool record) {
   return _RunChild([&] {
     calls::Watch(_site.Board(), plan, record ? _site.Root() : "");
@@ -96,7 +126,7 @@ void STrial::_Rehearse() {
     board.calls = 0;
     if (_RunStep(step, {}, true) != 0) abort();
     stage.notesAfter = board.notes;
-    stage.trace.assign(board.trace, board.trace + std::min<long>(board.calls, SCallBoard::kMaxTrace));
+    stage.trace.assign(board.trace, board.trace + board.TracedCalls());
     _stages.push_back(std::move(stage));
   }
   _operations = calls::Recorded(board);
@@ -149,8 +179,7 @@ STally STrial::KillEverywhere() {
     for (long call = 1; call <= static_cast<long>(stage.trace.size()); ++call) {
       // Between two calls that change something the disk stays the same.
       if (!_isLong && !stage.trace[call - 1].changes) continue;
-      stage.before.Put(_site.Root());
-      _site.Board().Restart(stage.notesBefore);
+      _GoBackTo(step);
       (void)_RunStep(step, {SCallPlan::Act::kKill, call, 0, false});
       std::uint64_t const notes = _site.Board().notes;
       std::string const what = "step " + std::to_string(step) + " killed at call " + std::to_string(call) + ", " +
@@ -176,7 +205,7 @@ void STrial::_KillRecovery(STally &tally, std::string const &what, std::uint64_t
     });
   };
   recover({});
-  std::vector<SCallBoard::Traced> const trace(board.trace, board.trace + board.calls);
+  std::vector<SCallBoard::Traced> const trace(board.trace, board.trace + board.TracedCalls());
   for (long call = 1; call <= static_cast<long>(trace.size()); ++call) {
     if (!trace[call - 1].changes) continue;
     recover({SCallPlan::Act::kKill, call, 0, false});
@@ -236,8 +265,7 @@ STally STrial::LeaveFlushesOut() {
 
 void STrial::_FailCall(STally &tally, size_t step, long call, size_t error, bool onwards) {
   Stage const &stage = _stages[step];
-  stage.before.Put(_site.Root());
-  _site.Board().Restart(stage.notesBefore);
+  _GoBackTo(step);
   int const status = _RunStep(step, {SCallPlan::Act::kFail, call, kErrors[error].error, onwards});
   std::uint64_t const notes = _site.Board().notes;
   std::string const what = "step " + std::to_string(step) + ", call " + std::to_string(call) + ", " +
@@ -245,10 +273,7 @@ void STrial::_FailCall(STally &tally, size_t step, long call, size_t error, bool
                            kErrors[error].name + (onwards ? " from there on" : "");
   tally.counts.failures += _site.Board().acted;
   SVerdict verdict = _Settle(notes, true);
-  if (WIFSIGNALED(status)) {
-    ++verdict.wrong;
-    verdict.what.push_back("ended with " + Described(status));
-  }
+  BlameSignal(verdict, status);
   bool const isInvisible = kErrors[error].error == EINTR || kErrors[error].error == SCallPlan::kShortWrite;
   if (isInvisible && !onwards && notes != stage.notesAfter) {
     ++verdict.wrong;
@@ -286,17 +311,13 @@ STally STrial::FailCalls() {
 
 void STrial::_RunShortOfDisk(STally &tally, SSmallDisk &disk, size_t step, long pages, long files) {
   disk.LeaveAll();
-  _stages[step].before.Put(_site.Root());
-  _site.Board().Restart(_stages[step].notesBefore);
+  _GoBackTo(step);
   disk.Leave(pages, files);
   int const status = _RunStep(step, {});
   disk.LeaveAll();
   ++tally.counts.fullDisks;
   SVerdict verdict = _Settle(_site.Board().notes, true);
-  if (WIFSIGNALED(status)) {
-    ++verdict.wrong;
-    verdict.what.push_back("ended with " + Described(status));
-  }
+  BlameSignal(verdict, status);
   _Blame(verdict, "step " + std::to_string(step) + " with room for " + std::to_string(pages) + " pages and " +
                       std::to_string(files) + " files");
   tally.verdict.Add(verdict);
@@ -321,25 +342,23 @@ STally STrial::FillDisk() {
   return tally;
 }
 
-// One run of a step with allocation number `at` refused, or none for 0: how many there were, if it came to its end.
-long STrial::_RunStarved(size_t step, long at, bool onwards) {
+// The wait status of a step with allocation number `at` refused, or none for 0. The board has how many there were, when
+// it came to its end.
+int STrial::_RunStarved(size_t step, long at, bool onwards) {
   SCallBoard &board = _site.Board();
-  _stages[step].before.Put(_site.Root());
-  board.Restart(_stages[step].notesBefore);
-  (void)_RunChild([&] {
+  _GoBackTo(step);
+  return _RunChild([&] {
     calls::Watch(board, {});
     memory::Watch(at, onwards);
     _scenario.steps[step](_site);
     board.calls = memory::Count();
   });
-  return board.calls;
 }
 
 // One run of a step in an address space that can grow by so many bytes.
 void STrial::_RunCramped(STally &tally, size_t step, long room) {
-  _stages[step].before.Put(_site.Root());
-  _site.Board().Restart(_stages[step].notesBefore);
-  (void)_RunChild([&] {
+  _GoBackTo(step);
+  int const status = _RunChild([&] {
     struct rlimit const limit = {AddressSpace() + static_cast<rlim_t>(room), RLIM_INFINITY};
     if (setrlimit(RLIMIT_AS, &limit) != 0) abort();
     calls::Watch(_site.Board(), {});
@@ -347,6 +366,7 @@ void STrial::_RunCramped(STally &tally, size_t step, long room) {
   });
   ++tally.counts.cramped;
   SVerdict verdict = _Settle(_site.Board().notes, true);
+  BlameSignal(verdict, status, true);
   _Blame(verdict, "step " + std::to_string(step) + " with " + std::to_string(room) + " bytes of address space more");
   tally.verdict.Add(verdict);
 }
@@ -356,12 +376,14 @@ STally STrial::FailAllocations() {
   tally.isPossible = memory::IsSupported();
   if (!tally.isPossible) return tally;
   for (size_t step = 0; step < _stages.size(); ++step) {
-    long const count = _RunStarved(step, 0, false);
+    (void)_RunStarved(step, 0, false);
+    long const count = _site.Board().calls;
     for (bool const onwards : {false, true})
       for (long at = 1; at <= count; at += _isLong && at < kAllocationsAll ? 1 : kAllocationsStride) {
-        (void)_RunStarved(step, at, onwards);
+        int const status = _RunStarved(step, at, onwards);
         ++tally.counts.allocations;
         SVerdict verdict = _Settle(_site.Board().notes, true);
+        BlameSignal(verdict, status, true);
         _Blame(verdict, "step " + std::to_string(step) + ", allocation " + std::to_string(at) +
                             (onwards ? " and all behind it" : "") + " refused");
         tally.verdict.Add(verdict);
@@ -375,10 +397,8 @@ STally STrial::FailAllocations() {
 // Each step once more, with the same calls counted from inside and from outside.
 STally STrial::CallWitness() {
   STally tally = _rehearsal;
-  SCallBoard const &board = _site.Board();
   for (size_t step = 0; step < _stages.size(); ++step) {
-    _stages[step].before.Put(_site.Root());
-    _site.Board().Restart(_stages[step].notesBefore);
+    _GoBackTo(step);
     SWitness witness;
     int const status = _RunChild(
         [&] {
@@ -388,17 +408,14 @@ STally STrial::CallWitness() {
         &witness);
     tally.isPossible = status != kNoWitness << 8;
     if (!tally.isPossible) return tally;
-    std::vector<std::string> counted;
-    for (SCallBoard::Traced const &traced : std::span(board.trace, static_cast<size_t>(board.calls)))
-      if (traced.changes || IsFlush(traced.name)) counted.emplace_back(traced.name);
     tally.counts.witnessed += static_cast<long>(witness.Seen().size());
-    auto const [seen, count] = std::ranges::mismatch(witness.Seen(), counted);
-    if (seen == witness.Seen().end() && count == counted.end()) continue;
-    ++tally.verdict.wrong;
-    tally.verdict.what.push_back(std::string(_scenario.name) + ", step " + std::to_string(step) + ": change " +
-                                 std::to_string(seen - witness.Seen().begin() + 1) + " is " +
-                                 (seen == witness.Seen().end() ? "none" : *seen) + " for the kernel and " +
-                                 (count == counted.end() ? "none" : *count) + " inside");
+    SVerdict verdict;
+    if (status != 0) verdict.what.push_back("ended with " + Described(status));
+    if (std::string const difference = DifferenceOf(witness.Seen(), ChangesIn(_site.Board())); !difference.empty())
+      verdict.what.push_back(difference);
+    verdict.wrong = static_cast<long>(verdict.what.size());
+    _Blame(verdict, "step " + std::to_string(step));
+    tally.verdict.Add(verdict);
   }
   return tally;
 }

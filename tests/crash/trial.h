@@ -75,13 +75,14 @@ private:
 
   void _Rehearse();
   int _RunChild(std::function<void()> const &body, SWitness *witness = nullptr);
+  void _GoBackTo(size_t step);
   int _RunStep(size_t step, SCallPlan const &plan, bool record = false);
   SVerdict _Settle(std::uint64_t notes, bool callsFailed = false);
   SVerdict _JudgeAfter(std::string const &what, std::uint64_t notes);
   void _Blame(SVerdict &verdict, std::string const &what) const;
   void _KillRecovery(STally &tally, std::string const &what, std::uint64_t notes);
   void _FailCall(STally &tally, size_t step, long call, size_t error, bool onwards);
-  long _RunStarved(size_t step, long at, bool onwards);
+  int _RunStarved(size_t step, long at, bool onwards);
   void _RunCramped(STally &tally, size_t step, long room);
   void _RunShortOfDisk(STally &tally, SSmallDisk &disk, size_t step, long pages, long files);
   SPowerCut::Effort _Effort() const;
