@@ -217,6 +217,18 @@ bool SJournal::IsPending() {
   return header.state == kPendingState;
 }
 
+bool SJournal::IsTreeGone(std::array<SString, kTrees> const &paths) {
+  SDescriptor const file = _Open(O_RDONLY);
+  Header header;
+  if (!file.IsOpen() || !header.Read(file.Get())) return false;
+  for (int tree = 0; tree < kTrees; ++tree) {
+    struct stat info;
+    bool const isEmpty = sys::Stat(paths[tree], &info) == 0 ? info.st_size == 0 : errno == ENOENT;
+    if (isEmpty && header.treeSize[tree] > 0) return true;
+  }
+  return false;
+}
+
 unsigned SJournal::Write(std::array<SBTree const *, kTrees> const &trees) {
   _written = _Open(O_RDWR | O_CREAT);
   if (!_written.IsOpen()) return 0;

@@ -45,6 +45,9 @@ public:
   // section's writer is dead. A journal that is not there or says nothing that can be relied on has nothing pending;
   // one that can't be read may.
   bool IsPending();
+  // Whether a tree that had pages before the last section that was written down has no bytes now, or no file. The
+  // engine would take it for a new one.
+  bool IsTreeGone(std::array<SString, kTrees> const &paths);
   // Writes the staged pages of the trees down, durably: 1, or 0 with errno and the section not decided.
   unsigned Write(std::array<SBTree const *, kTrees> const &trees);
   // The trees have the pages. Best effort: what is not marked is done again.

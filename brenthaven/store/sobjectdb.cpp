@@ -137,7 +137,11 @@ void SObjectDB::LockRead() {
     unsigned long const opens = _attributes.Opens();
     _attributes.LockRead();
     bool const isUnchanged = _attributes.IsOpen() && _attributes.Opens() == opens && _index.IsOpen();
-    if (_writers > 0 || isUnchanged || !_journal.IsPending()) return;
+    if (_writers > 0 || isUnchanged) return;
+    if (!_journal.IsPending()) {
+      if (_attributes.Opens() != opens || !_attributes.IsOpen()) (void)_IsTreeGone();
+      return;
+    }
     _attributes.UnlockRead();
     _attributes.Close();
     if (!_Replay()) break;
@@ -157,9 +161,20 @@ void SObjectDB::_RefreshIndex() {
   (void)_index.Open();
 }
 
+// Whether a tree has lost all that it held, which would look as if it never had held anything.
+bool SObjectDB::_IsTreeGone() {
+  if (!_journal.IsTreeGone(_Paths())) return false;
+  errno = EUCLEAN;
+  Complain("A file that had records is gone or empty, of ", _attributes.Name());
+  _pairFailed = 1;
+  return true;
+}
+
+std::array<SString, SJournal::kTrees> SObjectDB::_Paths() const { return {_attributes.Path(), _index.Path()}; }
+
 // Finishes what a writer that died has decided. Waits for writers, and holds them off meanwhile.
 bool SObjectDB::_Replay() {
-  std::array<SString, SJournal::kTrees> const paths = {_attributes.Path(), _index.Path()};
+  std::array<SString, SJournal::kTrees> const paths = _Paths();
   SDescriptor locks[SJournal::kTrees];
   bool isLocked = true;
   for (int tree = 0; tree < SJournal::kTrees && isLocked; ++tree) {
@@ -168,7 +183,7 @@ bool SObjectDB::_Replay() {
   }
   if (isLocked && _journal.Replay(paths)) return true;
   Complain("Couldn't finish a change of ", _attributes.Name());
-  _replayFailed = 1;
+  _pairFailed = 1;
   return false;
 }
 
@@ -178,10 +193,11 @@ void SObjectDB::LockWrite() {
   for (int tries = 0; tries < kReplayTries; ++tries) {
     _attributes.LockWrite();
     _index.LockWrite();
-    if (!_journal.IsPending()) return;  // nobody else is writing: what is pending has no writer
+    bool const isPending = _journal.IsPending();  // nobody else is writing: what is pending has no writer
+    if (!isPending && !_IsTreeGone()) return;
     _index.UnlockWrite();
     _attributes.UnlockWrite();
-    if (!_Replay()) break;
+    if (!isPending || !_Replay()) break;
   }
   _isRefused = true;  // the next journal would take the place of this one
 }
@@ -225,7 +241,7 @@ unsigned SObjectDB::_Commit() {
 }
 
 void SObjectDB::ClearReadFailed() {
-  _replayFailed = 0;
+  _pairFailed = 0;
   _attributes.ClearReadFailed();
   _index.ClearReadFailed();
 }

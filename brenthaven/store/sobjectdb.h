@@ -96,7 +96,7 @@ public:
   unsigned Backup(SString const &attributeSuffix, SString const &indexSuffix);
 
   // 1 when some read since the last clear failed for another reason than absence: what looked absent may be there.
-  unsigned ReadFailed() const { return _attributes.ReadFailed() | _index.ReadFailed() | _replayFailed; }
+  unsigned ReadFailed() const { return _attributes.ReadFailed() | _index.ReadFailed() | _pairFailed; }
   void ClearReadFailed();
   // 1 when pages could not be written, at the latest when a write section ended.
   unsigned WriteFailed() const { return _attributes.WriteFailed() | _index.WriteFailed() | _commitFailed; }
@@ -111,6 +111,8 @@ private:
   class ReadSection;
 
   void _DropInherited();
+  std::array<SString, SJournal::kTrees> _Paths() const;
+  bool _IsTreeGone();
   bool _Replay();
   unsigned _Commit();
   void _RefreshIndex();
@@ -133,7 +135,7 @@ private:
   int _writers = 0;                    // write sections within one another
   bool _isRefused = false;             // the write section may not write
   unsigned long _forks = ForkCount();  // of the process whose sections these are
-  unsigned _replayFailed = 0;
+  unsigned _pairFailed = 0;            // the trees could not be brought to one state, or one is gone
   unsigned _commitFailed = 0;
   _Attribute const *_table = nullptr;
   int _count = 0;                // rows of the table

@@ -220,6 +220,27 @@ TEST_F(JournalTest, WhatSomebodyElseWroteMeanwhileIsNotOverwritten) {
   EXPECT_EQ(FileBytes(kAttributesFile), bytes);
 }
 
+TEST_F(JournalTest, FileThatLostAllItHeldIsNoNewOne) {
+  {
+    SObjectDB store("T.", 0, kTable);
+    ASSERT_TRUE(Change(store, 'a'));
+  }
+  Start();
+  for (char const *gone : {kAttributesFile, kIndexFile})
+    for (bool const isEmpty : {true, false}) {
+      SCOPED_TRACE(std::string(gone) + (isEmpty ? " is empty" : " is not there"));
+      std::filesystem::remove(Path(gone));
+      if (isEmpty) PutFile(gone, "");
+      SObjectDB store("T.", 0, kTable);
+      (void)VersionIn(store);
+      EXPECT_TRUE(store.ReadFailed());  // not "absent"
+      EXPECT_FALSE(Change(store, 'c'));
+      for (auto const &[file, bytes] : start) EXPECT_EQ(FileBytes(file), file == gone ? "" : bytes);
+      Restore();
+      EXPECT_EQ(VersionNow(), 'a');
+    }
+}
+
 TEST_F(JournalTest, WithoutAJournalNoneIsMade) {
   SObjectDB store("T.", 0, kTable);
   store.SetJournaled(false);
