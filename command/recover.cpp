@@ -30,8 +30,8 @@ void Recover(Command &command, Options const &options) {
   scope.quietSeconds = options.quietSeconds;
   if (!options.quiet) scope.log = [](std::string const &line) { puts(OneLine(line).c_str()); };
   SRecoveryReport const report = RecoverSpool(scope);
-  printf("%d requeued, %d reported, %d lost, %d orphans, %d removed, %d returned\n", report.requeued, report.reported,
-         report.lost, report.orphans, report.removed, report.returned);
+  printf("%d requeued, %d reported, %d lost, %d orphans, %d removed, %d returned, %d repaired\n", report.requeued,
+         report.reported, report.lost, report.orphans, report.removed, report.returned, report.repaired);
   if (report.accountsFailed) Fail(command, EX_IOERR, "the accounts cannot be read; see: brenthaven account check");
   if (report.failed > 0) Fail(command, EX_IOERR, std::to_string(report.failed) + " things could not be done");
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <span>
 
 #include "brenthaven/accounts/accountstore.h"
 #include "brenthaven/accounts/attributes.h"
@@ -19,6 +20,7 @@ constexpr char kStem[] = "BTAccounts.";
 constexpr char kNewStem[] = "BTAccounts.repair.";
 constexpr char kNul = '\0';
 constexpr char const *kParts[] = {"a", "i"};
+using Parts = std::span<char const *const>;
 constexpr int kNoIndex = 1;
 constexpr int kDamagedNames = 1000;
 
@@ -28,6 +30,10 @@ bool IsInPlace(int file, SString const &path) {
   struct stat ours, other;
   return sys::Fstat(file, &ours) == 0 && sys::Stat(path, &other) == 0 && ours.st_ino == other.st_ino &&
          ours.st_dev == other.st_dev;
+}
+
+void RemoveNew() {
+  for (char const *part : {"a", "i", "j"}) (void)sys::Unlink(PathOf(kNewStem, part));
 }
 
 // Gives a file a second name that none has yet. True also when there is no such file.
@@ -44,10 +50,14 @@ bool KeepDamaged(SString const &path) {
 class Rebuild {
 public:
   Rebuild() : _store(kNewStem, 0, accountstore::Table()) {
-    for (char const *part : {"a", "i", "j"}) (void)sys::Unlink(PathOf(kNewStem, part));
+    RemoveNew();
     _store.SetJournaled(false);  // nobody reads them before they are complete
     _store.LockWrite();
   }
+
+  ~Rebuild() { RemoveNew(); }
+  Rebuild(Rebuild const &) = delete;
+  Rebuild &operator=(Rebuild const &) = delete;
 
   // "name NUL attribute" and the items, in any order.
   void Take(SString const &key, SString const &value) {
@@ -60,6 +70,7 @@ public:
       if (!_store.Create(uid, accountstore::kAccountType)) return Drop();
       ++_result.accounts;
     }
+    if (attribute == kAttrType) ++_typeRecords;
     if (attribute == kAttrType || _store.GetAttrib(attribute, uid).Length() > 0) return;  // found before
     int const flags = IsTemplateUID(uid) ? kNoIndex : 0;
     if (!_store.SetAttrib(attribute, uid, SObjectDB::SplitValues(value), flags)) return Drop();
@@ -67,37 +78,46 @@ public:
   }
   void MarkSalvaged() { _result.salvaged = true; }
 
-  SAccountRepair Finish() {
+  // Puts the new files of these parts in place of the old ones.
+  SAccountRepair Finish(Parts parts) {
     _store.UnlockWrite();
-    _result.done = !_store.WriteFailed() && PutInPlace();
+    _result.done = !_store.WriteFailed() && PutInPlace(parts);
     return _result;
   }
+  // Whether the attribute file held what belongs there and nothing else.
+  bool IsExact() const { return !_result.salvaged && _result.dropped == 0 && _typeRecords == _result.accounts; }
 
 private:
   void Drop() { ++_result.dropped; }
 
-  // The journal belongs to the old files and goes first: what it held that was not in them is lost with them.
-  bool PutInPlace() {
+  // The journal belongs to the old files: what it held that is not in them by now is lost with them. It stays to the
+  // end, since it tells that they were not empty.
+  bool PutInPlace(Parts parts) {
     SSyncBarrier barrier;
-    for (char const *part : kParts) barrier.AddFile(PathOf(kNewStem, part));
+    for (char const *part : parts) barrier.AddFile(PathOf(kNewStem, part));
     if (!barrier.Commit()) return false;
-    for (char const *part : {"j", "i", "a"}) {
+    if (!KeepDamaged(PathOf(kStem, "j"))) return false;
+    for (char const *part : parts)
       if (!KeepDamaged(PathOf(kStem, part))) return false;
-    }
-    if (sys::Unlink(PathOf(kStem, "j")) != 0 && errno != ENOENT) return false;
-    for (char const *part : {"i", "a"})
+    SJournal journal;
+    journal.Init(SString(kStem) + "j");
+    if (!journal.Retire()) return false;
+    for (char const *part : parts)
       if (sys::Rename(PathOf(kNewStem, part), PathOf(kStem, part)) != 0) return false;
     barrier.AddParentOf(PathOf(kStem, "a"));
-    return barrier.Commit() != 0;
+    if (!barrier.Commit()) return false;
+    return sys::Unlink(PathOf(kStem, "j")) == 0 || errno == ENOENT;
   }
 
   SObjectDB _store;
   SAccountRepair _result;
+  long _typeRecords = 0;
 };
 
-}  // namespace
-
-SAccountRepair RepairAccountFiles() {
+// Takes the attributes, as they are with what the journal has for them, into new files and gives these to finish. Both
+// old files are locked meanwhile.
+template <class Finish>
+SAccountRepair Remake(Finish finish) {
   SDescriptor locks[2];
   for (int i = 0; i < 2; ++i) {  // the attributes first, as everybody does
     locks[i] = SDescriptor(sys::Open(PathOf(kStem, kParts[i]), O_RDWR));
@@ -108,11 +128,23 @@ SAccountRepair RepairAccountFiles() {
   }
   SJournal journal;
   journal.Init(SString(kStem) + "j");
-  (void)journal.Replay({PathOf(kStem, "a"), PathOf(kStem, "i")});  // where it can't be, the pages say what they can
+  bool const isReplayed = journal.Replay({PathOf(kStem, "a"), PathOf(kStem, "i")}) != 0;
   Rebuild rebuild;
   SSalvage const read =
       SalvageRecords(PathOf(kStem, "a"), [&](SString const &key, SString const &value) { rebuild.Take(key, value); });
   if (!read.isRead || !read.isKnown) return {};
-  if (!read.isWhole) rebuild.MarkSalvaged();
-  return rebuild.Finish();
+  if (!read.isWhole || !isReplayed) rebuild.MarkSalvaged();
+  return finish(rebuild);
+}
+
+}  // namespace
+
+SAccountRepair RepairAccountFiles() {
+  return Remake([](Rebuild &rebuild) { return rebuild.Finish(std::span(kParts)); });
+}
+
+SAccountRepair RepairAccountIndex() {
+  return Remake([](Rebuild &rebuild) {
+    return rebuild.IsExact() ? rebuild.Finish(std::span(kParts).subspan(1)) : SAccountRepair();
+  });
 }

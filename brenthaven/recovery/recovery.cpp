@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "brenthaven/accounts/accountdb.h"
+#include "brenthaven/accounts/check.h"
+#include "brenthaven/accounts/repair.h"
 #include "brenthaven/platform/barrier.h"
 #include "brenthaven/platform/descriptor.h"
 #include "brenthaven/platform/files.h"
@@ -39,7 +41,7 @@ public:
       : _scope(scope), _root(Std(GetEnv("Brenthaven"))), _now(time(nullptr)) {}
 
   SRecoveryReport Run() {
-    if (_scope.accounts) FinishAccounts();
+    if (_scope.accounts) MendAccounts();
     RemoveTemporaries(_root + "/control", 1);
     if (_scope.wholeSpool) {
       RemoveTemporaries(_root + "/messages", 0);
@@ -61,7 +63,8 @@ private:
     struct stat info;
   };
 
-  void FinishAccounts();
+  void MendAccounts();
+  static bool AreAccountsSound();
   void RemoveTemporaries(std::string const &directory, int depth);
   void RemoveListTemporaries(std::string const &directory);
   void LookAtQueues(std::string const &directory, int depth);
@@ -102,14 +105,24 @@ private:
   bool _isListed = true;  // every directory could be read to its end
 };
 
-// A write section brings in what the journal says is decided.
-void Recovery::FinishAccounts() {
-  if (!FileExists(SString(_root + "/config/BTAccounts.a"))) return;
+void Recovery::MendAccounts() {
+  if (!FileExists(SString(_root + "/config/BTAccounts.a")) && !FileExists(SString(_root + "/config/BTAccounts.j")))
+    return;
+  if (AreAccountsSound()) return;
+  if (RepairAccountIndex().done && AreAccountsSound()) {
+    ++_report.repaired;
+    return Log("REPAIRED:BTAccounts.i");
+  }
+  _report.accountsFailed = true;
+  Log("FAILED:accounts: see brenthaven account check");
+}
+
+bool Recovery::AreAccountsSound() {
   SAccountBase::ClearReadFailed();
   SAccountBase::ClearWriteFailed();
-  { SAccountDBMod const section; }
-  _report.accountsFailed = (SAccountBase::ReadFailed() | SAccountBase::WriteFailed()) != 0;
-  if (_report.accountsFailed) Log("FAILED:accounts: see brenthaven account check");
+  { SAccountDBMod const section; }  // brings in what the journal says is decided
+  SAccountCheck const check = CheckAccountFiles([](SString const &) {});
+  return (SAccountBase::ReadFailed() | SAccountBase::WriteFailed()) == 0 && !check.readFailed && check.faults == 0;
 }
 
 // What a process was writing when it ended: its own copy of a file that stands complete under another name, or of one

@@ -17,7 +17,9 @@ struct SRecoveryScope {
   // deferred queue of their module. A dispatcher, which scans for them itself, leaves this off.
   bool requeue = true;
   bool wholeSpool = true;  // false: control/ alone, for a look that is taken often
-  bool accounts = true;    // finish a change of accounts that was under way; whoever opens them does that as well
+  // Finish a change of accounts that was under way, as whoever opens them does, and make their index anew where it does
+  // not follow from the accounts.
+  bool accounts = true;
   std::function<bool(std::string const &name)> isBusy = nullptr;  // messages that are being worked on
   std::function<void(std::string const &line)> log = nullptr;     // one line for each thing done
 };
@@ -29,10 +31,11 @@ struct SRecoveryReport {
   int orphans = 0;              // header and body files that no control file names, moved to lost/ as well
   int removed = 0;              // half-written files and unanswered requests
   int returned = 0;             // control files that stood in a directory in control/, put back into a queue
+  int repaired = 0;             // account files made anew: the index
   int failed = 0;               // things that could not be done; the log says which
-  bool accountsFailed = false;  // a change of accounts that was under way could not be finished
+  bool accountsFailed = false;  // the accounts can't all be read or written
 
-  int Total() const { return requeued + reported + lost + orphans + removed + returned; }
+  int Total() const { return requeued + reported + lost + orphans + removed + returned + repaired; }
   bool IsClean() const { return Total() == 0 && failed == 0 && !accountsFailed; }
 };
 

@@ -145,6 +145,7 @@ SVerdict STrial::_Settle(std::uint64_t notes, bool callsFailed) {
   int const status = _RunChild([&] {
     SRecoveryReport const report = RecoverSpool({});
     if (report.failed > 0 || report.accountsFailed) _site.Problem("recovery failed");
+    if (report.repaired > 0) _site.Problem("the accounts did not agree");
     _scenario.mend(_site);
     _site.Drain();
     _scenario.check(_site, notes);
@@ -157,7 +158,7 @@ SVerdict STrial::_Settle(std::uint64_t notes, bool callsFailed) {
 }
 
 void STrial::_Blame(SVerdict &verdict, std::string const &what) const {
-  for (std::string &line : verdict.what) line = std::string(_scenario.name) + ", " + what + ": " + line;
+  for (std::string &line : verdict.what) line.insert(0, std::string(_scenario.name) + ", " + what + ": ");
 }
 
 SVerdict STrial::_JudgeAfter(std::string const &what, std::uint64_t notes) {

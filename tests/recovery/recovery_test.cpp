@@ -240,6 +240,14 @@ protected:
     }
     return good;
   }
+  // With zeros in half of the first leaf that is not the root.
+  static std::string WithTornPage(std::string bytes) {
+    size_t torn = 0;
+    for (size_t at = 2 * 16384; at < bytes.size() && torn == 0; at += 16384)
+      if ((bytes[at + 12] & 0x1f) == 2) torn = at;
+    EXPECT_NE(torn, 0u);
+    return bytes.replace(torn, 8192, std::string(8192, '\0'));
+  }
   static long Faults() {
     SAccountCheck const check = CheckAccountFiles([](SString const &) {});
     return check.readFailed ? -1 : check.faults;
@@ -260,14 +268,49 @@ TEST_F(RepairTest, ALostIndexIsMadeAnewFromTheAttributes) {
   EXPECT_FALSE(SAccountDB().GetAccountUID(S821Address("<nobody@example.org>")).Defined());
 }
 
+TEST_F(RepairTest, RecoveryMakesAnIndexAnewThatDoesNotFollowFromTheAccounts) {
+  MakeAccounts();
+  std::string const old = FileBytes("config/BTAccounts.i");
+  {
+    SAccountDBMod db;
+    SAccountMod account;
+    for (int i = 0; i < kAccounts; ++i) {
+      ASSERT_NE(db.ModifyAccount("user" + MakeSString(i), &account), 0);
+      ASSERT_NE(account.Set("SMTP-Address",
+                            {"<user" + MakeSString(i) + "@example.org>", "<u" + MakeSString(i) + "@example.org>"}),
+                0);
+    }
+  }
+  for (std::string const &index : {std::string(), old, old.substr(0, old.size() - 16384)}) {
+    SCOPED_TRACE(index.size());
+    PutFile("config/BTAccounts.i", index);
+    SRecoveryReport const report = Recover();
+    EXPECT_EQ(report.repaired, 1) << log;
+    EXPECT_FALSE(report.accountsFailed);
+    EXPECT_EQ(Faults(), 0);
+    EXPECT_EQ(Readable(), kAccounts);
+    EXPECT_TRUE(Recover().IsClean()) << log;
+  }
+}
+
+TEST_F(RepairTest, RecoveryTakesNothingFromADamagedAttributeFile) {
+  MakeAccounts();
+  std::string const whole = FileBytes("config/BTAccounts.a");
+  for (std::string const &bytes : {std::string(), WithTornPage(whole), whole.substr(0, whole.size() - 16384)}) {
+    SCOPED_TRACE(bytes.size());
+    PutFile("config/BTAccounts.a", bytes);
+    int const files = CountIn("config");
+    SRecoveryReport const report = Recover();
+    EXPECT_TRUE(report.accountsFailed);
+    EXPECT_EQ(report.repaired, 0);
+    EXPECT_EQ(FileBytes("config/BTAccounts.a"), bytes);
+    EXPECT_EQ(CountIn("config"), files);
+  }
+}
+
 TEST_F(RepairTest, AnAttributeFileWithATornPageKeepsAllOtherRecords) {
   MakeAccounts();
-  std::string bytes = FileBytes("config/BTAccounts.a");
-  size_t torn = 0;  // the first leaf that is not the root
-  for (size_t at = 2 * 16384; at < bytes.size() && torn == 0; at += 16384)
-    if ((bytes[at + 12] & 0x1f) == 2) torn = at;
-  ASSERT_NE(torn, 0u);
-  bytes.replace(torn, 8192, std::string(8192, '\0'));
+  std::string const bytes = WithTornPage(FileBytes("config/BTAccounts.a"));
   PutFile("config/BTAccounts.a", bytes);
   ASSERT_NE(Faults(), 0);
   SAccountRepair const repair = RepairAccountFiles();
