@@ -10,7 +10,9 @@ target_compile_options(
 target_compile_definitions(brenthaven_options INTERFACE $<$<CONFIG:Debug>:_GLIBCXX_ASSERTIONS>)
 # The C library's checks of buffers need an optimising build; some compilers come with another level of them.
 target_compile_options(brenthaven_options INTERFACE $<$<CONFIG:Release>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+set(MAIL_TEST_TIMEOUT 120)  # seconds
 if(BRENTHAVEN_SANITIZE)
+  set(MAIL_TEST_TIMEOUT 600)
   target_compile_options(brenthaven_options INTERFACE -fsanitize=${BRENTHAVEN_SANITIZE} -fno-omit-frame-pointer
                                                       -fno-sanitize-recover=all)
   target_link_options(brenthaven_options INTERFACE -fsanitize=${BRENTHAVEN_SANITIZE})
@@ -45,7 +47,7 @@ function(mail_test name)
   foreach(need ${TEST_NEEDS})
     target_link_libraries(test_${name} PRIVATE brenthaven_${need})
   endforeach()
-  gtest_discover_tests(test_${name} TEST_PREFIX ${name}. DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(test_${name} TEST_PREFIX ${name}. DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${MAIL_TEST_TIMEOUT})
 endfunction()
 
 # mail_bench(strings NEEDS text SOURCES strings_bench.cpp) makes bench_strings.

@@ -20,9 +20,9 @@ quietly() {
   }
 }
 
-# A tree that was configured with the sanitizers needs them in what links it.
-flags=
-if grep -q '^BRENTHAVEN_SANITIZE:BOOL=ON' "$build/CMakeCache.txt"; then flags=-fsanitize=address,undefined; fi
+# A tree that was configured with sanitizers needs them in what links it.
+sanitizers=$(sed -n 's/^BRENTHAVEN_SANITIZE:STRING=//p' "$build/CMakeCache.txt")
+flags=${sanitizers:+-fsanitize=$sanitizers}
 
 quietly cmake --install "$build" --prefix "$prefix"
 for file in bin/brenthaven bin/sendmail bin/mailq bin/newaliases libexec/brenthaven/Dispatcher \
