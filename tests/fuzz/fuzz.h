@@ -80,8 +80,9 @@ private:
 
 inline void PutFile(std::string const &path, std::string_view bytes) {
   FILE *file = fopen(path.c_str(), "wb");
-  if (file == nullptr || fwrite(bytes.data(), 1, bytes.size(), file) != bytes.size() || fclose(file) != 0)
-    Fail("can't write a file", path);
+  bool const isWritten =
+      file != nullptr && (bytes.empty() || fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size());
+  if (!isWritten || fclose(file) != 0) Fail("can't write a file", path);
 }
 inline std::string FileBytes(std::string const &path) {
   std::string bytes;
