@@ -127,7 +127,8 @@ void SObjectDB::_DropInherited() {
 // The shared lock of the attribute tree orders readers of both trees against every writer. A journal that is pending
 // under it is that of a writer who died, and is finished before anything is read: within a section it would be too
 // late, since it changes both trees. It need not be asked about while both trees are open and the attribute tree is as
-// it was when it was opened: writers touch that one before they change anything.
+// it was when it was opened: writers touch that one before they change anything. Trees that can't be relied on are
+// asked about each time, so that each section tells it.
 void SObjectDB::LockRead() {
   _DropInherited();
   if (_readers++ > 0) return;
@@ -136,10 +137,10 @@ void SObjectDB::LockRead() {
     unsigned const hadFailed = _attributes.ReadFailed();
     unsigned long const opens = _attributes.Opens();
     _attributes.LockRead();
-    bool const isUnchanged = _attributes.IsOpen() && _attributes.Opens() == opens && _index.IsOpen();
+    bool const isUnchanged = !_isUnsound && _attributes.IsOpen() && _attributes.Opens() == opens && _index.IsOpen();
     if (_writers > 0 || isUnchanged) return;
     if (!_journal.IsPending()) {
-      if (_attributes.Opens() != opens || !_attributes.IsOpen()) (void)_IsTreeGone();
+      if (_isUnsound || !_attributes.IsOpen() || _attributes.Opens() != opens) _isUnsound = _IsTreeGone();
       return;
     }
     _attributes.UnlockRead();
@@ -183,6 +184,7 @@ bool SObjectDB::_Replay() {
   }
   if (isLocked && _journal.Replay(paths)) return true;
   Complain("Couldn't finish a change of ", _attributes.Name());
+  _isUnsound = true;
   _pairFailed = 1;
   return false;
 }

@@ -135,7 +135,8 @@ private:
   int _writers = 0;                    // write sections within one another
   bool _isRefused = false;             // the write section may not write
   unsigned long _forks = ForkCount();  // of the process whose sections these are
-  unsigned _pairFailed = 0;            // the trees could not be brought to one state, or one is gone
+  bool _isUnsound = false;             // the trees could not be brought to one state, or one is gone
+  unsigned _pairFailed = 0;            // the same was met since the flag was cleared
   unsigned _commitFailed = 0;
   _Attribute const *_table = nullptr;
   int _count = 0;                // rows of the table
