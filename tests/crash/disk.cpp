@@ -100,7 +100,6 @@ SPowerCut::SPowerCut(SDiskImage const &before, std::vector<SFileOperation> opera
     : _before(before), _operations(std::move(operations)) {}
 
 void SPowerCut::_Reset() {
-  _seen.clear();
   _states = 0;
   _strictStates = 0;
   _files.clear();
@@ -118,10 +117,18 @@ void SPowerCut::_Reset() {
 }
 
 bool SPowerCut::Enumerate(Effort const &effort, Visit const &visit) {
+  auto const passBy = [](SDiskImage const &, std::uint64_t) { return true; };
+  _seen.clear();
   _stride = 1;
   if (effort.mostStates != SIZE_MAX) {
-    (void)_Enumerate(effort, [](SDiskImage const &, std::uint64_t) { return true; });
+    (void)_Enumerate(effort, passBy);
     _stride = std::max<size_t>(1, (_seen.size() + effort.mostStates - 1) / effort.mostStates);
+    _seen.clear();
+  }
+  if (effort.withoutFlush != Effort::kNone) {
+    Effort withAll = effort;
+    withAll.withoutFlush = Effort::kNone;
+    (void)_Enumerate(withAll, passBy);
   }
   return _Enumerate(effort, visit);
 }

@@ -47,7 +47,9 @@ public:
     size_t mostStates = SIZE_MAX;  // of more, one in so many is told of
     unsigned seed = 1;
     static constexpr long kNone = -1;
-    long withoutFlush = kNone;  // index of a flushing operation that is taken as if it had not been called
+    // Index of a flushing operation that is taken as if it had not been called. Told of are the trees that only this
+    // makes possible.
+    long withoutFlush = kNone;
   };
   // Told of each distinct tree, with the bits of the successes that had been reported by then. False ends it all.
   using Visit = std::function<bool(SDiskImage const &tree, std::uint64_t notes)>;
