@@ -162,8 +162,10 @@ int SBTree::_OpenLocked(char const *path, int flags) {
   _longestKey = LongestKey(pageSize);
   _place.Undef();
 
-  errno = 0;
-  _handle = dbopen(path, flags & O_ACCMODE, kEngineMode, kBTreeType, &kInfo);
+  do {
+    errno = 0;
+    _handle = dbopen(path, flags & O_ACCMODE, kEngineMode, kBTreeType, &kInfo);
+  } while (_handle == nullptr && errno == EINTR);  // the engine gives up when its open is interrupted
   if (_handle == nullptr) return errno != 0 ? errno : EINVAL;
   if (sys::Fstat(_handle->fd(_handle), &other) != 0) return errno;
   if (!IsSameFile(ours, other)) return EAGAIN;
