@@ -126,9 +126,13 @@ bool SPowerCut::Enumerate(Effort const &effort, Visit const &visit) {
     _seen.clear();
   }
   if (effort.withoutFlush != Effort::kNone) {
-    Effort withAll = effort;
-    withAll.withoutFlush = Effort::kNone;
-    (void)_Enumerate(withAll, passBy);
+    if (_withAllFlushes.empty()) {
+      Effort withAll = effort;
+      withAll.withoutFlush = Effort::kNone;
+      (void)_Enumerate(withAll, passBy);
+      _withAllFlushes = _seen;
+    }
+    _seen = _withAllFlushes;
   }
   return _Enumerate(effort, visit);
 }

@@ -111,7 +111,8 @@ private:
   std::map<std::uint32_t, size_t> _byNumber;
   Names _now, _sure;
   std::vector<EntryChange> _unsure;
-  std::unordered_set<size_t> _seen;
+  std::unordered_set<size_t> _seen;            // hashes of trees
+  std::unordered_set<size_t> _withAllFlushes;  // those that are possible although no flush was left out
   long _states = 0;
   long _strictStates = 0;
   size_t _at = 0;      // the operation behind which the power goes

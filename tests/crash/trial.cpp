@@ -244,12 +244,12 @@ STally STrial::CutPower() {
 // Without one flush there must be a state in which something is lost: otherwise nothing is gained by it.
 STally STrial::LeaveFlushesOut() {
   STally tally = _rehearsal;
+  SPowerCut power(_stages.front().before, _operations);
   for (size_t i = 0; i < _operations.size(); ++i) {
     SFileOperation::Kind const kind = _operations[i].kind;
     if (kind != SFileOperation::Kind::kFlushFile && kind != SFileOperation::Kind::kFlushDirectory &&
         kind != SFileOperation::Kind::kFlushAll)
       continue;
-    SPowerCut power(_stages.front().before, _operations);
     SPowerCut::Effort effort;
     effort.withoutFlush = static_cast<long>(i);
     ++tally.counts.flushes;
