@@ -31,6 +31,10 @@ constinit Sockbuf_IO layer = {SetUp, Remove, Control, Read, Write, Close};
 // Above the socket, which the library adds itself, and below TLS.
 constexpr int kLevel = (LBER_SBIOD_LEVEL_PROVIDER + LBER_SBIOD_LEVEL_TRANSPORT) / 2;
 
+// Bytes of one message from a server. The library makes room for as many as a message claims to have, which may be 4
+// GiB and more; those that are asked for here are small.
+constexpr ber_len_t kLargestMessage = 4 << 20;
+
 void OnDisconnect(LDAP *, Sockbuf *, ldap_conncb *) {}
 
 }  // namespace
@@ -45,6 +49,8 @@ bool STimedSocket::Attach(LDAP *handle) {
 int STimedSocket::_OnConnect(LDAP *, Sockbuf *connection, LDAPURLDesc *, sockaddr *, ldap_conncb *callback) {
   auto *const self = static_cast<STimedSocket *>(callback->lc_arg);
   (void)self->_library.ber_sockbuf_ctrl(connection, LBER_SB_OPT_GET_FD, &self->_fd);  // no number: every read fails
+  ber_len_t largest = kLargestMessage;
+  if (self->_library.ber_sockbuf_ctrl(connection, LBER_SB_OPT_SET_MAX_INCOMING, &largest) != 1) return -1;
   return self->_library.ber_sockbuf_add_io(connection, &layer, kLevel, self);
 }
 

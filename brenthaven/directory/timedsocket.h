@@ -8,7 +8,8 @@
 // Stands between the socket and everything above it, TLS included, and gives no read or write more time than the
 // connection has left. The library's own time-outs cover the wait for an answer and not what happens inside one: a peer
 // that goes silent in the middle of a message or of a TLS handshake would keep it for ever, and that handshake even
-// asks again at full speed. It also keeps a peer that hung up from killing the process by a signal.
+// asks again at full speed. It also keeps a peer that hung up from killing the process by a signal, and one that claims
+// to send more than a directory has to say from getting the room for it.
 class STimedSocket {
 public:
   using Clock = std::chrono::steady_clock;

@@ -1,7 +1,9 @@
 // The LDAP client against real servers, and against those that misbehave.
 #include "brenthaven/directory/ldap.h"
 
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <sys/socket.h>
 
 #include <thread>
 
@@ -270,7 +272,7 @@ public:
       _fd = accept(Socket(), nullptr, nullptr);
       char request[512];
       (void)!read(_fd, request, sizeof request);
-      (void)!write(_fd, answer.data(), answer.size());
+      (void)!send(_fd, answer.data(), answer.size(), MSG_NOSIGNAL);
       if (hangsUp) (void)shutdown(_fd, SHUT_RDWR);
     });
   }
@@ -312,12 +314,21 @@ TEST_F(LdapTest, AnswersAreSortedIntoRefusedAndUnreachable) {
   auto const answer = [](char code) {
     return std::string("\x30\x0c\x02\x01\x01\x61\x07\x0a\x01", 9) + code + std::string("\x04\x00\x04\x00", 4);
   };
+  auto const talk = [](std::string text) {  // success, with a message of so many bytes
+    auto const part = [](std::string const &tag, std::string const &bytes) {
+      std::uint32_t const length = htonl(static_cast<std::uint32_t>(bytes.size()));
+      return tag + "\x84" + std::string(reinterpret_cast<char const *>(&length), sizeof length) + bytes;
+    };
+    return part("\x30", "\x02\x01\x01" + part("\x61", std::string("\x0a\x01\x00\x04\x00", 5) + part("\x04", text)));
+  };
   struct {
     std::string bytes;
     SLdapResult want;
     char const *why;
   } const rows[] = {
       {answer(0), kDone, "success"},
+      {talk(std::string(100000, 'x')), kDone, "a long message"},
+      {talk(std::string(5 << 20, 'x')), kUnreachable, "more than a directory has to say"},
       {answer(49), kRefused, "invalid credentials"},
       {answer(51), kRefused, "busy"},
       {answer(52), kUnreachable, "unavailable"},
