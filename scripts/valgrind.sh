@@ -28,7 +28,7 @@ check="valgrind --quiet --leak-check=full --errors-for-leak-kinds=definite --sho
 # A test may fail by its own account, since everything takes longer: what counts is what valgrind says.
 tr '\n' '\0' < "$logs.commands" |
   xargs -0 -P "${JOBS:-$(nproc)}" -I{} sh -c "cd '$logs' && $check {} >/dev/null 2>&1"
-find "$logs" -type f -empty -delete
+find "$logs" -type f \( -empty -o -name '*.core.*' \) -delete # some tests end a process by a signal
 checked=$(wc -l < "$logs.commands")
 found=$(find "$logs" -type f -name '[0-9]*' | wc -l)
 echo "$checked tests under valgrind, $found processes with errors or lost memory"
