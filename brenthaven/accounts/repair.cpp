@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <span>
 
 #include "brenthaven/accounts/accountstore.h"
 #include "brenthaven/accounts/attributes.h"
@@ -20,7 +19,6 @@ constexpr char kStem[] = "BTAccounts.";
 constexpr char kNewStem[] = "BTAccounts.repair.";
 constexpr char kNul = '\0';
 constexpr char const *kParts[] = {"a", "i"};
-using Parts = std::span<char const *const>;
 constexpr int kNoIndex = 1;
 constexpr int kDamagedNames = 1000;
 
@@ -78,35 +76,44 @@ public:
   }
   void MarkSalvaged() { _result.salvaged = true; }
 
-  // Puts the new files of these parts in place of the old ones.
-  SAccountRepair Finish(Parts parts) {
+  SAccountRepair Finish() {
     _store.UnlockWrite();
-    _result.done = !_store.WriteFailed() && PutInPlace(parts);
+    _result.done = !_store.WriteFailed() && Flush("a") && RetireOld() && PutIndexInPlace() && PutAttributesInPlace();
     return _result;
   }
-  // Whether the attribute file held what belongs there and nothing else.
-  bool IsExact() const { return !_result.salvaged && _result.dropped == 0 && _typeRecords == _result.accounts; }
+  // The index alone, for which the attribute file has to hold what belongs there and nothing else.
+  SAccountRepair FinishIndex() {
+    _store.UnlockWrite();
+    bool const isExact = !_result.salvaged && _result.dropped == 0 && _typeRecords == _result.accounts;
+    _result.done = isExact && !_store.WriteFailed() && PutIndexInPlace();
+    return _result;
+  }
 
 private:
   void Drop() { ++_result.dropped; }
 
-  // The journal belongs to the old files: what it held that is not in them by now is lost with them. It stays to the
-  // end, since it tells that they were not empty.
-  bool PutInPlace(Parts parts) {
+  static bool Flush(char const *part) {
     SSyncBarrier barrier;
-    for (char const *part : parts) barrier.AddFile(PathOf(kNewStem, part));
-    if (!barrier.Commit()) return false;
-    if (!KeepDamaged(PathOf(kStem, "j"))) return false;
-    for (char const *part : parts)
-      if (!KeepDamaged(PathOf(kStem, part))) return false;
+    barrier.AddFile(PathOf(kNewStem, part));
+    return barrier.Commit() != 0;
+  }
+  static bool Replace(char const *part) {
+    SSyncBarrier barrier;
+    barrier.AddParentOf(PathOf(kStem, part));
+    return sys::Rename(PathOf(kNewStem, part), PathOf(kStem, part)) == 0 && barrier.Commit();
+  }
+
+  // What the journal has that is not in the old files by now is over.
+  static bool RetireOld() {
     SJournal journal;
     journal.Init(SString(kStem) + "j");
-    if (!journal.Retire()) return false;
-    for (char const *part : parts)
-      if (sys::Rename(PathOf(kNewStem, part), PathOf(kStem, part)) != 0) return false;
-    barrier.AddParentOf(PathOf(kStem, "a"));
-    if (!barrier.Commit()) return false;
-    return sys::Unlink(PathOf(kStem, "j")) == 0 || errno == ENOENT;
+    return KeepDamaged(PathOf(kStem, "j")) && KeepDamaged(PathOf(kStem, "a")) && journal.Retire();
+  }
+  static bool PutIndexInPlace() { return Flush("i") && KeepDamaged(PathOf(kStem, "i")) && Replace("i"); }
+  // Everybody takes the lock of the attribute file first: once the new one has the name, nobody is held off any more.
+  // The journal goes just before, no sooner, since it tells that the index was not empty.
+  static bool PutAttributesInPlace() {
+    return (sys::Unlink(PathOf(kStem, "j")) == 0 || errno == ENOENT) && Replace("a");
   }
 
   SObjectDB _store;
@@ -140,11 +147,9 @@ SAccountRepair Remake(Finish finish) {
 }  // namespace
 
 SAccountRepair RepairAccountFiles() {
-  return Remake([](Rebuild &rebuild) { return rebuild.Finish(std::span(kParts)); });
+  return Remake([](Rebuild &rebuild) { return rebuild.Finish(); });
 }
 
 SAccountRepair RepairAccountIndex() {
-  return Remake([](Rebuild &rebuild) {
-    return rebuild.IsExact() ? rebuild.Finish(std::span(kParts).subspan(1)) : SAccountRepair();
-  });
+  return Remake([](Rebuild &rebuild) { return rebuild.FinishIndex(); });
 }

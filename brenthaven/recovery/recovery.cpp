@@ -107,7 +107,7 @@ private:
 
 void Recovery::MendAccounts() {
   if (!FileExists(SString(_root + "/config/BTAccounts.a")) && !FileExists(SString(_root + "/config/BTAccounts.j")))
-    return;
+    return;  // there are none, and none are to be made
   if (AreAccountsSound()) return;
   if (RepairAccountIndex().done && AreAccountsSound()) {
     ++_report.repaired;

@@ -138,9 +138,10 @@ void SObjectDB::LockRead() {
     unsigned long const opens = _attributes.Opens();
     _attributes.LockRead();
     bool const isUnchanged = !_isUnsound && _attributes.IsOpen() && _attributes.Opens() == opens && _index.IsOpen();
+    if (_isRefused) _pairFailed = 1;
     if (_writers > 0 || isUnchanged) return;
     if (!_journal.IsPending()) {
-      if (_isUnsound || !_attributes.IsOpen() || _attributes.Opens() != opens) _isUnsound = _IsTreeGone();
+      if (_isUnsound || !_attributes.IsOpen() || _attributes.Opens() != opens) (void)_IsTreeGone();
       return;
     }
     _attributes.UnlockRead();
@@ -162,12 +163,17 @@ void SObjectDB::_RefreshIndex() {
   (void)_index.Open();
 }
 
+// Told on the error stream when it is met first, and by ReadFailed each time.
+void SObjectDB::_MarkUnsound(char const *what) {
+  if (!std::exchange(_isUnsound, true)) Complain(what, _attributes.Name());
+  _pairFailed = 1;
+}
+
 // Whether a tree has lost all that it held, which would look as if it never had held anything.
 bool SObjectDB::_IsTreeGone() {
-  if (!_journal.IsTreeGone(_Paths())) return false;
+  if (!_journal.IsTreeGone(_Paths())) return _isUnsound = false;
   errno = EUCLEAN;
-  Complain("A file that had records is gone or empty, of ", _attributes.Name());
-  _pairFailed = 1;
+  _MarkUnsound("A file that had records is gone or empty, of ");
   return true;
 }
 
@@ -183,9 +189,7 @@ bool SObjectDB::_Replay() {
     isLocked = locks[tree].IsOpen() && sys::Lock(locks[tree].Get(), F_WRLCK, 0, 1, true) == 0;
   }
   if (isLocked && _journal.Replay(paths)) return true;
-  Complain("Couldn't finish a change of ", _attributes.Name());
-  _isUnsound = true;
-  _pairFailed = 1;
+  _MarkUnsound("Couldn't finish a change of ");
   return false;
 }
 

@@ -112,6 +112,7 @@ private:
 
   void _DropInherited();
   std::array<SString, SJournal::kTrees> _Paths() const;
+  void _MarkUnsound(char const *what);
   bool _IsTreeGone();
   bool _Replay();
   unsigned _Commit();
