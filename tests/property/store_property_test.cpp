@@ -1,4 +1,5 @@
 // The stores against maps in memory.
+#include <bit>
 #include <map>
 #include <set>
 
@@ -9,7 +10,25 @@
 
 namespace {
 
-class StoreProperty : public ScratchSpool {};
+using Records = std::map<std::string, std::string>;
+
+class StoreProperty : public ScratchSpool {
+protected:
+  static void ExpectWalk(SBTree &tree, Records const &want) {
+    SString key;
+    auto at = want.begin();
+    for (SString value = tree.SeqFirstJJ(key); value.Defined(); value = tree.SeqNext(key), ++at) {
+      ASSERT_NE(at, want.end());
+      ASSERT_TRUE(Text(key) == at->first && Text(value) == at->second) << at->first.substr(0, 20);
+    }
+    ASSERT_EQ(at, want.end());
+    ASSERT_FALSE(tree.ReadFailed());
+  }
+  static void ExpectEachFound(SBTree &tree, Records const &want) {
+    for (auto const &[key, value] : want) ASSERT_TRUE(tree.Get(Bytes(key)) == Bytes(value)) << key.substr(0, 20);
+    ASSERT_FALSE(tree.ReadFailed());
+  }
+};
 
 // Lengths around the sizes at which a value leaves its page, and at which it needs one more page of its own.
 int LengthNearAPage(SChoices &choices) {
@@ -19,9 +38,9 @@ int LengthNearAPage(SChoices &choices) {
 
 // 2,000 operations with the default number of cases.
 TEST_F(StoreProperty, TreeHoldsWhatAMapHolds) {
-  std::map<std::string, std::string> want;
+  Records want;
   SBTree tree("T.tree", 0);
-  int section = 0;
+  unsigned section = 0;
   ForEachCase([&](SChoices &choices) {
     tree.LockWrite();
     for (int i = 0; i < 2; ++i) {
@@ -40,17 +59,40 @@ TEST_F(StoreProperty, TreeHoldsWhatAMapHolds) {
     }
     tree.UnlockWrite();
     ASSERT_FALSE(tree.WriteFailed());
-    if (++section % 100 != 0) return;
-    SString key;
-    auto at = want.begin();
-    for (SString value = tree.SeqFirstJJ(key); value.Defined(); value = tree.SeqNext(key), ++at) {
-      ASSERT_NE(at, want.end());
-      ASSERT_TRUE(Text(key) == at->first && Text(value) == at->second) << at->first.substr(0, 20);
-    }
-    ASSERT_EQ(at, want.end());
+    if (std::has_single_bit(++section)) ExpectWalk(tree, want);
   });
-  for (auto const &[key, value] : want) ASSERT_TRUE(tree.Get(Bytes(key)) == Bytes(value)) << key.substr(0, 20);
-  ASSERT_FALSE(tree.ReadFailed());
+  ExpectWalk(tree, want);
+  ExpectEachFound(tree, want);
+}
+
+// Ten keys a case: 10,000 with the default number of cases, 1,000,000 in the long form.
+TEST_F(StoreProperty, LargeTreeHoldsWhatAMapHolds) {
+  static constexpr int kCasesInASection = 250;
+  Records want;
+  SBTree tree("T.tree", 0);
+  int done = 0;
+  ForEachCase([&](SChoices &choices) {
+    if (done % kCasesInASection == 0) tree.LockWrite();
+    for (int i = 0; i < 13; ++i) {
+      std::string const key = std::to_string(choices.Below(1'000'000'000));
+      if (auto const gone = want.lower_bound(key); choices.OneIn(10) && gone != want.end()) {
+        ASSERT_EQ(tree.Delete(Bytes(gone->first)), 1u) << gone->first;
+        want.erase(gone);
+        continue;
+      }
+      std::string const value(static_cast<size_t>(choices.OneIn(200) ? LengthNearAPage(choices) : choices.Below(40)),
+                              static_cast<char>('a' + choices.Below(26)));
+      ASSERT_EQ(tree.Set(Bytes(key), Bytes(value)), 1u) << key;
+      want[key] = value;
+    }
+    if (++done % kCasesInASection != 0) return;
+    tree.UnlockWrite();
+    ASSERT_FALSE(tree.WriteFailed());
+  });
+  if (done % kCasesInASection != 0) tree.UnlockWrite();
+  ASSERT_FALSE(tree.WriteFailed());
+  ExpectWalk(tree, want);
+  ExpectEachFound(tree, want);
 }
 
 enum { kType, kNote, kName, kAddress, kDelivery, kDomain, kAttributes };
