@@ -16,6 +16,7 @@
 
 #include "brenthaven/accounts/check.h"
 #include "brenthaven/mailbox/mailboxdeliver.h"
+#include "brenthaven/platform/registry.h"
 #include "brenthaven/recovery/recovery.h"
 #include "tests/crash/memory.h"
 
@@ -150,6 +151,7 @@ SVerdict STrial::_Settle(std::uint64_t notes, bool callsFailed) {
     _site.Drain();
     _scenario.check(_site, notes);
     (void)CheckAccountFiles([&](SString const &fault) { _site.Problem("accounts: " + std::string(fault.View())); });
+    if (std::string fault; RegCheckStore(fault) != ERROR_SUCCESS) _site.Problem("settings: " + fault);
     SMailboxDeliverModule mailboxes;
     if (mailboxes.LoadEnv()) mailboxes.ComputeSizes();
   });
